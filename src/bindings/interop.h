@@ -1,0 +1,38 @@
+// Conversions between Python values and engine types, shared by both
+// extension modules (compiled into each).
+#pragma once
+#include <nanobind/nanobind.h>
+
+#include <optional>
+
+#include "core/ops.h"
+
+namespace tramel::py {
+
+namespace nb = nanobind;
+
+// Python exception types for engine failures; registered by each module.
+void register_error_translator();
+
+// A dtype constant; with `allow_marker`, -1 gives std::nullopt ("the array's own type").
+std::optional<DType> dtype_arg(nb::handle value, const char* op, bool allow_marker = false);
+// A list or tuple of ints.
+Shape shape_arg(nb::handle value, const char* op);
+// A host number: bool, int, float or complex (numpy scalars included).
+Scalar scalar_arg(nb::handle value, const char* op);
+int device_arg(nb::handle value, const char* op);
+// A Python integer (not bool); `what` names it in the error.
+int64_t int_arg(nb::handle value, const char* op, const char* what);
+
+// The engine dtype of a numpy-compatible array object, if it is one of the ten.
+// Returns false for arrays of other element types (float16, uint32, objects...).
+bool array_dtype(nb::handle array, DType* out);
+// Copies an array (any strides) into a new tensor. `dtype` nullopt keeps the
+// array's own element type. Fails with TypeError for unsupported element types.
+Tensor tensor_from_array(nb::handle array, int device, std::optional<DType> dtype, const char* op);
+// A new numpy array holding a copy of a processor tensor.
+nb::object numpy_copy(const Tensor& t, const char* op);
+// A DLPack capsule ("dltensor") sharing t's storage, which it keeps alive.
+nb::object dlpack_capsule(const Tensor& t);
+
+}  // namespace tramel::py

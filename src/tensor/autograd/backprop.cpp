@@ -1,0 +1,331 @@
+// The backward pass: toposort, the three walks (validity, gradient, release)
+// and QTensor.backward. Everything is iterative: deep graphs of quantum
+// circuits must not overflow the stack.
+#include <nanobind/nanobind.h>
+
+#include <unordered_map>
+#include <vector>
+
+#include "bindings/interop.h"
+#include "tensor/qtensor.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+using Nodes = std::vector<nb::object>;
+
+// Calls fn(GraphNode&) for each edge in q.nodes, in order.
+template <typename F>
+void for_each_edge(nb::handle q, F&& fn) {
+  nb::handle nodes = as_qtensor(q, "backward").nodes;
+  if (PyList_Check(nodes.ptr())) {
+    // Index each time: a derivative function may change the list.
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(nodes.ptr()); ++i) {
+      nb::object edge = nb::borrow(PyList_GET_ITEM(nodes.ptr(), i));
+      fn(as_graphnode(edge, "backward"));
+    }
+  } else {
+    for (nb::handle edge : nodes) fn(as_graphnode(edge, "backward"));
+  }
+}
+
+// Note [parents functions]
+// The walks are one algorithm over a "parents" function: get_prev, which also
+// allocates the zero gradients of the pass; free_grad, which releases interior
+// gradients; or any Python callable handed to toposort.
+void get_prev(nb::handle q, Nodes& out) {
+  for_each_edge(q, [&](GraphNode& edge) {
+    QTensor& parent = as_qtensor(edge.tensor, "backward");
+    if (!truthy(parent.requires_grad)) return;
+    if (parent.grad.is_none() && !edge.df.is_none()) {
+      const Tensor& data = core_of(parent, "backward");
+      if (!is_floating(data.dtype()) && !is_complex(data.dtype()))
+        throw nb::value_error("Only float or double tensor can do gradient calculation.");
+      parent.grad = zeros_qtensor(data.shape(), int(device_of(parent.device, "zeros")), data.dtype());
+    }
+    out.push_back(edge.tensor);
+  });
+}
+
+bool check_nodes_not_empty_or_none(nb::handle nodes) {
+  if (nodes.is_none()) return true;
+  return PyList_Check(nodes.ptr()) && PyList_GET_SIZE(nodes.ptr()) > 0;
+}
+
+void free_grad(nb::handle q, Nodes& out) {
+  for_each_edge(q, [&](GraphNode& edge) {
+    QTensor& parent = as_qtensor(edge.tensor, "backward");
+    if (!truthy(parent.requires_grad)) return;
+    if (!parent.grad.is_none() && check_nodes_not_empty_or_none(parent.nodes)) parent.grad = nb::none();
+    out.push_back(edge.tensor);
+  });
+}
+
+[[noreturn]] void key_error(nb::handle key) {
+  PyErr_SetObject(PyExc_KeyError, key.ptr());
+  throw nb::python_error();
+}
+
+// A reverse-topological order by counting children, lazily: nothing runs
+// before the first next(), and the parents of a yielded node are visited
+// only when the following node is asked for, after the consumer's work on it.
+template <typename Parents>
+class TopoSort {
+ public:
+  TopoSort(nb::object end, Parents parents) : end_(std::move(end)), parents_(std::move(parents)) {}
+
+  // The next tensor, or an invalid handle when the walk is over.
+  nb::object next() {
+    if (!started_) {
+      started_ = true;
+      count_children();
+      childless_.push_back(end_);
+    } else if (last_.is_valid()) {
+      release_parents_of(last_);
+      last_.reset();
+    }
+    if (childless_.empty()) return nb::object();
+    last_ = std::move(childless_.back());
+    childless_.pop_back();
+    return last_;
+  }
+
+ private:
+  void count_children() {
+    Nodes stack{end_};
+    while (!stack.empty()) {
+      nb::object node = std::move(stack.back());
+      stack.pop_back();
+      auto [it, inserted] = counts_.try_emplace(node.ptr(), 1);
+      if (!inserted) {
+        ++it->second;
+        continue;
+      }
+      alive_.push_back(node);
+      parents_(node, stack);
+    }
+  }
+
+  void release_parents_of(nb::handle node) {
+    scratch_.clear();
+    parents_(node, scratch_);
+    for (nb::object& parent : scratch_) {
+      auto it = counts_.find(parent.ptr());
+      if (it == counts_.end()) key_error(parent);
+      if (it->second == 1) childless_.push_back(std::move(parent));
+      else --it->second;
+    }
+  }
+
+  nb::object end_;
+  Parents parents_;
+  std::unordered_map<PyObject*, int64_t> counts_;
+  Nodes alive_;  // keeps the keys of counts_ alive
+  Nodes childless_, scratch_;
+  nb::object last_;
+  bool started_ = false;
+};
+
+struct PythonParents {
+  nb::object fn;
+  void operator()(nb::handle node, Nodes& out) const {
+    nb::object result = fn(node);
+    for (nb::handle parent : result) out.push_back(nb::borrow(parent));
+  }
+};
+using CppParents = void (*)(nb::handle, Nodes&);
+
+// The Python face of toposort: an iterator over TopoSort<PythonParents>.
+class TopoSortIterator {
+ public:
+  TopoSortIterator(nb::object end, nb::object parents) : sort_(std::move(end), PythonParents{std::move(parents)}) {}
+  nb::object next() {
+    nb::object node = sort_.next();
+    if (!node.is_valid()) throw nb::stop_iteration();
+    return node;
+  }
+
+ private:
+  TopoSort<PythonParents> sort_;
+};
+
+// outgrads of the walks: tensor -> its gradient QTensor (a reference, so later
+// in-place additions show through).
+class OutGrads {
+ public:
+  OutGrads(nb::handle end, nb::handle seed) { map_.emplace(end.ptr(), Entry{nb::borrow(end), nb::borrow(seed)}); }
+  nb::object pop(nb::handle key) {
+    auto it = map_.find(key.ptr());
+    if (it == map_.end()) key_error(key);
+    nb::object value = std::move(it->second.value);
+    map_.erase(it);
+    return value;
+  }
+  void set(nb::handle key, nb::handle value) { map_[key.ptr()] = Entry{nb::borrow(key), nb::borrow(value)}; }
+
+ private:
+  struct Entry {
+    nb::object key, value;
+  };
+  std::unordered_map<PyObject*, Entry> map_;
+};
+
+bool equals_false(nb::handle flag) {
+  if (flag.ptr() == Py_True) return false;
+  if (flag.ptr() == Py_False) return true;
+  int r = PyObject_RichCompareBool(flag.ptr(), Py_False, Py_EQ);
+  if (r < 0) throw nb::python_error();
+  return r;
+}
+
+bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
+  OutGrads outgrads(end, g);
+  TopoSort<CppParents> order(nb::borrow(end), &get_prev);
+  for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
+    outgrads.pop(node);
+    bool valid = true;
+    for_each_edge(node, [&](GraphNode& edge) {
+      if (!valid || edge.df.is_none()) return;
+      QTensor& parent = as_qtensor(edge.tensor, "backward");
+      if (equals_false(parent.if_normal_run_qvm)) {
+        valid = false;
+        return;
+      }
+      outgrads.set(edge.tensor, parent.grad);
+    });
+    if (!valid) return false;
+  }
+  return true;
+}
+
+nb::object call_derivative(nb::handle df, nb::handle grad) {
+  if (PyObject_TypeCheck(df.ptr(), gradfn_type())) return nb::inst_ptr<GradFn>(df)->apply(grad);
+  PyObject* result = PyObject_CallOneArg(df.ptr(), grad.ptr());
+  if (!result) throw nb::python_error();
+  return nb::steal(result);
+}
+
+void backprop_impl(nb::handle g, nb::handle end) {
+  OutGrads outgrads(end, g);
+  TopoSort<CppParents> order(nb::borrow(end), &get_prev);
+  for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
+    nb::object outgrad = outgrads.pop(node);
+    for_each_edge(node, [&](GraphNode& edge) {
+      if (edge.df.is_none()) return;
+      QTensor& parent = as_qtensor(edge.tensor, "backward");
+      nb::handle grad_data = as_qtensor(outgrad, "backward").data;
+      int64_t edge_device = device_of(edge.device, "backward");
+      int grad_device = as_core(grad_data, "backward").device();
+      bool crosses = (edge_device >= kFirstAccelerator && grad_device == kCpuDevice) ||
+                     (edge_device == kCpuDevice && grad_device >= kFirstAccelerator);
+      nb::object ingrad = crosses ? call_derivative(edge.df, wrap_core(to_device(as_core(grad_data, "backward"),
+                                                                                 int(edge_device), "backward")))
+                                  : call_derivative(edge.df, grad_data);
+      if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
+      Tensor& accumulated = core_of(as_qtensor(parent.grad, "backward"), "backward");
+      if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
+        add_(accumulated, py::tensor_from_array(ingrad, int(edge_device), accumulated.dtype(), "backward"));
+      else if (is_core_tensor(ingrad))
+        add_(accumulated, as_core(ingrad, "backward"));
+      else
+        throw nb::type_error(("[backward] a derivative function must return a _core.Tensor or a numpy.ndarray, got " +
+                              std::string(nb::type_name(ingrad.type()).c_str())).c_str());
+      outgrads.set(edge.tensor, parent.grad);
+    });
+  }
+}
+
+void free_backprop_grad(nb::handle g, nb::handle end) {
+  OutGrads outgrads(end, g);
+  TopoSort<CppParents> order(nb::borrow(end), &free_grad);
+  for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
+    outgrads.pop(node);
+    for_each_edge(node, [&](GraphNode& edge) {
+      if (!edge.df.is_none()) outgrads.set(edge.tensor, as_qtensor(edge.tensor, "backward").grad);
+    });
+  }
+}
+
+void backprop(nb::handle g, nb::handle end) {
+  if (!just_valid_result_from_qvm(g, end)) return;
+  backprop_impl(g, end);
+  free_backprop_grad(g, end);
+}
+
+nb::list parents_list(CppParents parents, nb::handle q) {
+  Nodes out;
+  parents(q, out);
+  nb::list result;
+  for (nb::object& o : out) result.append(o);
+  return result;
+}
+
+bool dtype_in(nb::handle dtype, DType a, DType b) {
+  for (DType d : {a, b}) {
+    int r = PyObject_RichCompareBool(dtype.ptr(), nb::int_(int(d)).ptr(), Py_EQ);
+    if (r < 0) throw nb::python_error();
+    if (r) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void backward(nb::handle self, nb::handle grad) {
+  QTensor& s = as_qtensor(self, "backward");
+  DType dtype = core_of(s, "backward").dtype();
+  if (!is_floating(dtype) && !is_complex(dtype))
+    throw nb::value_error("Only Float or Complex tensor can calculate gradient.");
+  if (!grad.is_none()) {
+    nb::object seed_dtype = grad.attr("dtype");
+    if (is_floating(dtype) && dtype_in(seed_dtype, DType::Complex128, DType::Complex64))
+      throw nb::value_error("Only Float input gradient is accepted by Float output.");
+    if (is_complex(dtype) && dtype_in(seed_dtype, DType::Float32, DType::Float64))
+      throw nb::value_error("Complex tensor output's gradient should be explicit defined as Complex.");
+  }
+  if (!truthy(s.requires_grad)) throw std::runtime_error("output requires_grad is False.");
+
+  nb::object dtype_obj = nb::int_(int(dtype));
+  if (s.grad.is_none()) s.grad = zeros_like(self, s.device, dtype_obj);
+  nb::object seed;
+  if (grad.is_none()) {
+    seed = ones_like(self, s.device, dtype_obj);
+  } else {
+    int64_t device = device_of(s.device, "backward");
+    if (device >= kFirstAccelerator && PyObject_TypeCheck(grad.ptr(), ndarray_type()))
+      throw nb::value_error(" input grad should not be ndarray,if current Tensor is on GPU device.");
+    seed = to_tensor(grad);
+    nb::object seed_device = as_qtensor(seed, "backward").device;
+    int r = PyObject_RichCompareBool(seed_device.ptr(), s.device.ptr(), Py_NE);
+    if (r < 0) throw nb::python_error();
+    if (r)
+      throw std::runtime_error("grads calculated in backward() stores in different devices " +
+                               py_text(seed_device) + " and " +
+                               py_text(s.device) + ".");
+  }
+  if (core_of(as_qtensor(seed, "backward"), "backward").dtype() != dtype) seed = seed.attr("astype")(dtype_obj);
+  add_(core_of(as_qtensor(s.grad, "backward"), "backward"), core_of(as_qtensor(seed, "backward"), "backward"));
+  backprop(seed, self);
+}
+
+void init_autograd(nb::module_& m) {
+  nb::class_<TopoSortIterator>(m, "_TopoSortIterator", "The lazy order of a backward walk.")
+      .def("__iter__", [](nb::handle self) { return nb::borrow(self); })
+      .def("__next__", &TopoSortIterator::next);
+
+  m.def("get_prev", [](nb::handle q) { return parents_list(&get_prev, q); }, nb::arg("q"));
+  m.def("free_grad", [](nb::handle q) { return parents_list(&free_grad, q); }, nb::arg("q"));
+  // The default parents function is this module's get_prev, fixed here.
+  nb::object default_parents = m.attr("get_prev");
+  m.def("toposort",
+        [](nb::object end, nb::object parents) { return TopoSortIterator(std::move(end), std::move(parents)); },
+        nb::arg("end_node"), nb::arg("parents") = default_parents);
+  m.def("_check_nodes_not_empty_or_none", &check_nodes_not_empty_or_none, nb::arg("nodes"));
+  m.def("just_valid_result_from_qvm", &just_valid_result_from_qvm, nb::arg("g"), nb::arg("end_node"));
+  m.def("backprop_impl", &backprop_impl, nb::arg("g"), nb::arg("end_node"));
+  m.def("free_backprop_grad", &free_backprop_grad, nb::arg("g"), nb::arg("end_node"));
+  m.def("backprop", &backprop, nb::arg("g"), nb::arg("end_node"));
+}
+
+}  // namespace tramel::tensor

@@ -1,0 +1,102 @@
+#include "tensor/export/record.h"
+
+#include "bindings/interop.h"
+
+namespace tramel::tensor {
+
+// Note [recording forms]
+// Operators leave their record in one of three forms. Form A (always linked)
+// appends one link node per input to y.link_nodes on every call and sets the
+// record unless save_opinfo is the object False. Form B (gated, assigned) does
+// nothing unless save_constant is the object True and save_opinfo is not the
+// object False; then it replaces y.link_nodes and sets the record. Form C is
+// form B with the link node appended instead. Construction records a
+// "Constant" under the gate of form B. The two tests read engine flags, so
+// with recording off an operator pays two loads and no Python call.
+
+namespace {
+
+PyObject* g_opnodesinfo = nullptr;
+
+nb::list shape_list(const Tensor& t) {
+  nb::list out;
+  for (int64_t d : t.shape()) out.append(d);
+  return out;
+}
+
+const Tensor& data_of(nb::handle q) { return core_of(as_qtensor(q, "export"), "export"); }
+
+}  // namespace
+
+std::string id_text(nb::handle o) { return std::to_string(uintptr_t(o.ptr())); }
+
+bool gated_recording_on() {
+  const ExportFlags& flags = export_flags();
+  return flags.save_constant_is_true && flags.save_opinfo_is_not_false;
+}
+
+nb::object make_record(const std::string& opid, const char* opname, std::initializer_list<nb::handle> inputs,
+                       nb::handle output, nb::handle attribute) {
+  nb::list ids, shapes, dtypes;
+  for (nb::handle in : inputs) {
+    const Tensor& t = data_of(in);
+    ids.append(nb::str(id_text(in).c_str()));
+    shapes.append(shape_list(t));
+    dtypes.append(int(t.dtype()));
+  }
+  const Tensor& y = data_of(output);
+  nb::list out_ids, out_shapes, out_dtypes;
+  out_ids.append(nb::str(id_text(output).c_str()));
+  out_shapes.append(shape_list(y));
+  out_dtypes.append(int(y.dtype()));
+  nb::dict kw;
+  kw["opid"] = nb::str(opid.c_str());
+  kw["opname"] = nb::str(opname);
+  kw["op_input_id_lists"] = ids;
+  kw["op_input_shape_lists"] = shapes;
+  kw["op_output_id_list"] = out_ids;
+  kw["op_output_shape_list"] = out_shapes;
+  kw["op_attribute"] = attribute;
+  kw["op_para_buffer_id_lists"] = nb::list();
+  kw["op_para_buffer_shape_lists"] = nb::list();
+  kw["op_input_dtype_lists"] = dtypes;
+  kw["op_output_dtype_lists"] = out_dtypes;
+  return nb::handle(g_opnodesinfo)(**kw);
+}
+
+void record_constant(nb::handle y, QTensor& fields) {
+  if (!gated_recording_on()) return;
+  // Called from the constructor too, before the object is ready for Python
+  // attribute access: everything is read from the engine tensor.
+  const Tensor& data = core_of(fields, "Constant");
+  Tensor host = data.device() >= kFirstAccelerator ? to_device(data, kCpuDevice, "getdata") : data;
+  nb::dict value;
+  value["value"] = py::numpy_copy(host, "getdata");
+  value["shape"] = shape_list(data);
+  nb::list attribute;
+  attribute.append(value);
+  nb::object record = make_record(id_text(y) + "_tensor_init_", "Constant", {y}, y, attribute);
+  fields.link_nodes = nb::list();
+  fields.oplinkinfo = record;
+}
+
+void record_cast(nb::handle t1, nb::handle y) {
+  if (!gated_recording_on()) return;
+  QTensor& out = as_qtensor(y, "astype");
+  nb::list links;
+  links.append(make_graphnode(t1, nb::none(), nb::str("Cast")));
+  out.link_nodes = links;
+  nb::set attribute;
+  attribute.add(nb::str("dtype"));
+  attribute.add(nb::int_(int(data_of(y).dtype())));
+  out.oplinkinfo = make_record(id_text(t1) + "cast_to_" + id_text(y), "Cast", {t1}, y, attribute);
+}
+
+void init_export(nb::module_& m) {
+  nb::module_ exporter = nb::module_::import_("pytramel.onnx.export");
+  g_opnodesinfo = nb::object(exporter.attr("OPNodesInfo")).release().ptr();  // held for the process
+  m.attr("OPNodesInfo") = nb::handle(g_opnodesinfo);
+  m.attr("get_onnx_convert_config") = exporter.attr("get_onnx_convert_config");
+}
+
+}  // namespace tramel::tensor

@@ -1,0 +1,471 @@
+// QTensor: construction, the way in of all data, astype, zero_grad and the
+// field protocol. backward lives with the walks in autograd/.
+#include "tensor/qtensor.h"
+
+#include <nanobind/stl/string.h>
+
+#include <vector>
+
+#include "bindings/interop.h"
+#include "tensor/export/record.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+PyTypeObject* g_qtensor = nullptr;
+PyTypeObject* g_graphnode = nullptr;
+PyTypeObject* g_core_tensor = nullptr;
+PyTypeObject* g_gradfn = nullptr;
+PyObject* g_ndarray = nullptr;   // numpy.ndarray
+PyObject* g_np_array = nullptr;  // numpy.array
+
+// ---- cycle collection: every Python-object field is visited and cleared ----
+
+template <typename T>
+int traverse_fields(PyObject* self, visitproc visit, void* arg, T* fields, std::initializer_list<nb::object T::*> members) {
+  Py_VISIT(Py_TYPE(self));
+  if (!nb::inst_ready(self)) return 0;
+  for (auto member : members) Py_VISIT((fields->*member).ptr());
+  return 0;
+}
+
+template <typename T>
+int clear_fields(PyObject* self, std::initializer_list<nb::object T::*> members) {
+  if (!nb::inst_ready(self)) return 0;
+  T* fields = nb::inst_ptr<T>(self);
+  for (auto member : members) (fields->*member).reset();
+  return 0;
+}
+
+#define QTENSOR_FIELDS                                                                                       \
+  {&QTensor::data, &QTensor::requires_grad, &QTensor::nodes, &QTensor::link_nodes, &QTensor::grad,           \
+   &QTensor::device, &QTensor::oplinkinfo, &QTensor::save_onnx_constant, &QTensor::name,                     \
+   &QTensor::if_normal_run_qvm}
+#define GRAPHNODE_FIELDS {&GraphNode::tensor, &GraphNode::name, &GraphNode::df, &GraphNode::device}
+
+int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
+  return traverse_fields<QTensor>(self, visit, arg, nb::inst_ptr<QTensor>(self), QTENSOR_FIELDS);
+}
+int qtensor_clear(PyObject* self) { return clear_fields<QTensor>(self, QTENSOR_FIELDS); }
+int graphnode_traverse(PyObject* self, visitproc visit, void* arg) {
+  return traverse_fields<GraphNode>(self, visit, arg, nb::inst_ptr<GraphNode>(self), GRAPHNODE_FIELDS);
+}
+int graphnode_clear(PyObject* self) { return clear_fields<GraphNode>(self, GRAPHNODE_FIELDS); }
+int gradfn_traverse(PyObject* self, visitproc visit, void* arg) {
+  Py_VISIT(Py_TYPE(self));
+  return nb::inst_ready(self) ? nb::inst_ptr<GradFn>(self)->traverse(visit, arg) : 0;
+}
+int gradfn_clear(PyObject* self) {
+  if (nb::inst_ready(self)) nb::inst_ptr<GradFn>(self)->clear();
+  return 0;
+}
+
+PyType_Slot qtensor_slots[] = {{Py_tp_traverse, (void*)qtensor_traverse}, {Py_tp_clear, (void*)qtensor_clear}, {0, nullptr}};
+PyType_Slot graphnode_slots[] = {{Py_tp_traverse, (void*)graphnode_traverse}, {Py_tp_clear, (void*)graphnode_clear}, {0, nullptr}};
+PyType_Slot gradfn_slots[] = {{Py_tp_traverse, (void*)gradfn_traverse}, {Py_tp_clear, (void*)gradfn_clear}, {0, nullptr}};
+
+// ---- the way in of host data ----
+
+const char* const kUnsupportedArrayType =
+    "source_array dtype must be one of "
+    "(np.int8,np.bool8,np.uint8,np.int16,np.int32,np.int64,np.float32,np.float64,np.complex128,np.complex64)";
+
+// Element kinds of a nested list, in numpy's order of promotion.
+enum class Leaf : int { None = 0, Bool, Int, Float, Complex };
+
+// Reads a nested list/tuple of Python numbers the way numpy.array would, for
+// the common cases; returns false (and leaves the work to numpy) for anything
+// else: ragged nesting, other element types, integers beyond int64.
+struct NestedList {
+  int64_t dims[kMaxRank];
+  int rank = 0;
+  Leaf kind = Leaf::None;
+  std::vector<PyObject*> leaves;
+
+  bool read(PyObject* root) {
+    for (PyObject* o = root; PyList_Check(o) || PyTuple_Check(o);) {
+      if (rank == kMaxRank) return false;
+      Py_ssize_t n = PySequence_Fast_GET_SIZE(o);
+      dims[rank++] = n;
+      if (n == 0) break;
+      o = PySequence_Fast_ITEMS(o)[0];
+    }
+    return collect(root, 0);
+  }
+
+  bool collect(PyObject* o, int depth) {
+    if (depth == rank) return leaf(o);
+    if (!PyList_Check(o) && !PyTuple_Check(o)) return false;
+    Py_ssize_t n = PySequence_Fast_GET_SIZE(o);
+    if (n != dims[depth]) return false;
+    PyObject** items = PySequence_Fast_ITEMS(o);
+    for (Py_ssize_t i = 0; i < n; ++i)
+      if (!collect(items[i], depth + 1)) return false;
+    return true;
+  }
+
+  bool leaf(PyObject* o) {
+    Leaf k;
+    if (PyBool_Check(o)) {
+      k = Leaf::Bool;
+    } else if (PyLong_Check(o)) {
+      int overflow = 0;
+      PyLong_AsLongLongAndOverflow(o, &overflow);
+      if (overflow) return false;
+      k = Leaf::Int;
+    } else if (PyFloat_Check(o)) {
+      k = Leaf::Float;
+    } else if (PyComplex_Check(o)) {
+      k = Leaf::Complex;
+    } else {
+      return false;
+    }
+    if (k > kind) kind = k;
+    leaves.push_back(o);
+    return true;
+  }
+
+  DType numpy_dtype() const {
+    switch (kind) {
+      case Leaf::Bool: return DType::Bool;
+      case Leaf::Int: return DType::Int64;
+      case Leaf::Complex: return DType::Complex128;
+      default: return DType::Float64;
+    }
+  }
+
+  template <typename T>
+  void write(T* out) const {
+    for (size_t i = 0; i < leaves.size(); ++i) {
+      PyObject* o = leaves[i];
+      if constexpr (is_complex_v<T>) {
+        out[i] = T(PyComplex_RealAsDouble(o), PyComplex_ImagAsDouble(o));
+      } else if constexpr (std::is_same_v<T, double>) {
+        out[i] = PyFloat_AsDouble(o);
+      } else {
+        out[i] = T(PyLong_AsLongLong(o));  // bools are ints to CPython
+      }
+    }
+  }
+
+  Tensor to_tensor(int device, DType dtype) const {
+    Shape shape(dims, rank, "QTensor");
+    DType src = numpy_dtype();
+    return dispatch<bit(DType::Bool) | bit(DType::Int64) | bit(DType::Float64) | bit(DType::Complex128)>(
+        src, "QTensor", [&](auto tag) {
+          using T = typename decltype(tag)::type;
+          // bool as uint8: std::vector<bool> has no contiguous storage.
+          using Stored = std::conditional_t<std::is_same_v<T, bool>, uint8_t, T>;
+          std::vector<Stored> buffer(leaves.size());
+          write(buffer.data());
+          int64_t strides[kMaxRank];
+          for (int i = rank - 1, s = int64_t(sizeof(T)); i >= 0; --i) strides[i] = s, s *= dims[i];
+          return from_strided(buffer.data(), src, shape, strides, dtype, device);
+        });
+  }
+};
+
+// The dtype of a list-made tensor when the caller gave none: numpy's float64
+// and complex128 give way to the default dtype and its complex partner.
+DType list_dtype(DType numpy_dtype) {
+  if (numpy_dtype == DType::Float64) return default_dtype();
+  if (numpy_dtype == DType::Complex128) return default_complex_dtype();
+  return numpy_dtype;
+}
+
+bool is_complex_dtype_arg(nb::handle dtype) {
+  if (dtype.is_none()) return true;
+  std::optional<DType> d = py::dtype_arg(dtype, "QTensor", true);
+  return d && is_complex(*d);
+}
+
+// Tensor from a numpy array; `from_list` applies the default-dtype rule.
+nb::object core_from_array(nb::handle array, int device, nb::handle dtype, bool from_list) {
+  DType src;
+  if (!py::array_dtype(array, &src)) throw nb::type_error(kUnsupportedArrayType);
+  std::optional<DType> target;
+  if (!dtype.is_none()) target = py::dtype_arg(dtype, "QTensor", true);
+  else if (from_list) target = list_dtype(src);
+  return wrap_core(py::tensor_from_array(array, device, target, "QTensor"));
+}
+
+[[noreturn]] void fail_move(const std::string& what) { throw nb::value_error(what.c_str()); }
+
+// The constructor's conversion of `data` into a _core.Tensor object.
+nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle dtype) {
+  if (is_core_tensor(data)) {
+    Tensor& t = as_core(data, "QTensor");
+    int64_t dev = device_of(device, "QTensor");
+    auto finish = [&]() -> nb::object {
+      if (dtype.is_none()) return nb::borrow(data);
+      DType d = *py::dtype_arg(dtype, "QTensor");
+      return d == t.dtype() ? nb::borrow(data) : wrap_core(to_dtype(t, d, true));
+    };
+    if (dev == t.device()) return finish();
+    if (dev == kCpuDevice) {
+      t.assign(to_device(t, kCpuDevice, "toCPU"));
+      return finish();
+    }
+    if (dev >= kFirstAccelerator) {
+      try {
+        t.assign(to_device(t, int(dev), "toGPU"));
+        return finish();
+      } catch (const std::exception&) {
+        fail_move("Failed to move Create Tensor on GPU " + std::to_string(dev) + ". \\\n" + std::string(28, ' ') +
+                  "Support GPU device is DEV_GPU,DEV_GPU_1,DEV_GPU_2,DEV_GPU_3,...");
+      }
+    }
+    fail_move("Failed to move Create Tensor on device " + std::to_string(dev) + ".\\\n" + std::string(24, ' ') +
+              "Support CPU device is 0, GPU device is DEV_GPU,DEV_GPU_1,DEV_GPU_2,DEV_GPU_3,...");
+  }
+
+  int dev = py::device_arg(device, "QTensor");
+  if (PyObject_TypeCheck(data.ptr(), ndarray_type())) {
+    DType src;
+    bool known = py::array_dtype(data, &src);
+    bool complex_array = known ? is_complex(src)
+                               : nb::cast<std::string>(data.attr("dtype").attr("kind")) == "c";
+    if (complex_array && !is_complex_dtype_arg(dtype))
+      throw nb::value_error("Can not convert complex to non-complex.");
+    return core_from_array(data, dev, dtype, false);
+  }
+  NestedList list;
+  if (list.read(data.ptr())) {
+    DType d = dtype.is_none() ? list_dtype(list.numpy_dtype())
+                              : py::dtype_arg(dtype, "QTensor", true).value_or(list.numpy_dtype());
+    return wrap_core(list.to_tensor(dev, d));
+  }
+  nb::object source = nb::steal(PyObject_CallOneArg(g_np_array, data.ptr()));
+  if (!source) throw nb::python_error();
+  return core_from_array(source, dev, dtype, true);
+}
+
+void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
+                 nb::handle name) {
+  new (q) QTensor{std::move(data),
+                  nb::borrow(requires_grad),
+                  truthy(nodes) ? nb::borrow(nodes) : nb::list(),
+                  nb::list(),
+                  nb::none(),
+                  nb::borrow(device),
+                  nb::none(),
+                  nb::borrow(Py_False),
+                  name ? nb::borrow(name) : nb::str(""),
+                  nb::borrow(Py_True)};
+}
+
+// ---- astype ----
+
+class AstypeGrad final : public GradFn {
+ public:
+  explicit AstypeGrad(nb::object input) : input_(std::move(input)) {}
+  nb::object apply(nb::handle grad) override {
+    DType target = core_of(as_qtensor(input_, "astype"), "astype").dtype();
+    return wrap_core(to_dtype(as_core(grad, "astype"), target, true));
+  }
+  int traverse(visitproc visit, void* arg) override {
+    Py_VISIT(input_.ptr());
+    return 0;
+  }
+  void clear() override { input_.reset(); }
+
+ private:
+  nb::object input_;
+};
+
+nb::object astype(nb::handle self, nb::handle dtype) {
+  QTensor& s = as_qtensor(self, "astype");
+  const Tensor& source = core_of(s, "astype");
+  DType target = *py::dtype_arg(dtype, "astype");
+  nb::object data = wrap_core(to_dtype(source, target, true));
+  nb::list nodes;
+  if (truthy(s.requires_grad)) {
+    std::string label = std::to_string(uintptr_t(self.ptr())) + " " + dtype_name(source.dtype()) + " astype " +
+                        dtype_name(target);
+    nb::object df = nb::cast(static_cast<GradFn*>(new AstypeGrad(nb::borrow(self))), nb::rv_policy::take_ownership);
+    nodes.append(make_graphnode(self, df, nb::str(label.c_str())));
+  }
+  nb::object y = new_qtensor(data, s.requires_grad, nodes, s.device);
+  record_cast(self, y);
+  return y;
+}
+
+}  // namespace
+
+// ---- helpers declared in qtensor.h ----
+
+PyTypeObject* qtensor_type() { return g_qtensor; }
+PyTypeObject* graphnode_type() { return g_graphnode; }
+PyTypeObject* core_tensor_type() { return g_core_tensor; }
+PyTypeObject* gradfn_type() { return g_gradfn; }
+PyTypeObject* ndarray_type() { return (PyTypeObject*)g_ndarray; }
+
+QTensor& as_qtensor(nb::handle h, const char* op) {
+  if (!is_qtensor(h))
+    throw nb::type_error((std::string("[") + op + "] expected a QTensor, got " + nb::type_name(h.type()).c_str()).c_str());
+  return *nb::inst_ptr<QTensor>(h);
+}
+
+GraphNode& as_graphnode(nb::handle h, const char* op) {
+  if (!PyObject_TypeCheck(h.ptr(), g_graphnode))
+    throw nb::type_error(
+        (std::string("[") + op + "] expected a QTensor.GraphNode, got " + nb::type_name(h.type()).c_str()).c_str());
+  return *nb::inst_ptr<GraphNode>(h);
+}
+
+Tensor& as_core(nb::handle h, const char* op) {
+  if (!is_core_tensor(h))
+    throw nb::type_error(
+        (std::string("[") + op + "] expected a _core.Tensor, got " + nb::type_name(h.type()).c_str()).c_str());
+  return *nb::inst_ptr<Tensor>(h);
+}
+
+nb::object wrap_core(Tensor t) { return nb::cast(std::move(t), nb::rv_policy::move); }
+
+bool truthy(nb::handle h) {
+  if (h.ptr() == Py_True) return true;
+  if (h.ptr() == Py_False || h.is_none()) return false;
+  int r = PyObject_IsTrue(h.ptr());
+  if (r < 0) throw nb::python_error();
+  return r;
+}
+
+std::string py_text(nb::handle o) {
+  nb::object text = nb::steal(PyObject_Str(o.ptr()));
+  if (!text) throw nb::python_error();
+  return nb::cast<std::string>(text);
+}
+
+int64_t device_of(nb::handle device_field, const char* op) { return py::int_arg(device_field, op, "device"); }
+
+nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device, nb::handle name) {
+  nb::object obj = nb::inst_alloc(g_qtensor);
+  init_fields(nb::inst_ptr<QTensor>(obj), std::move(data), requires_grad, nodes, device, name);
+  nb::inst_mark_ready(obj);
+  record_constant(obj, *nb::inst_ptr<QTensor>(obj));
+  return obj;
+}
+
+nb::object qtensor_from_core(Tensor t) {
+  int device = t.device();
+  return new_qtensor(wrap_core(std::move(t)), Py_False, Py_None, nb::int_(device));
+}
+
+nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
+  return qtensor_from_core(full(shape, Scalar::from_int(0), device, dtype, "zeros"));
+}
+
+nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name) {
+  nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
+  if (!device) throw nb::python_error();
+  nb::object obj = nb::inst_alloc(g_graphnode);
+  new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device};
+  nb::inst_mark_ready(obj);
+  return obj;
+}
+
+nb::object to_tensor(nb::handle value) {
+  if (is_qtensor(value)) return nb::borrow(value);
+  if (PyLong_Check(value.ptr()) || PyFloat_Check(value.ptr())) {
+    nb::list data;
+    data.append(value);
+    return new_qtensor(to_coretensor_ndarray(data, nb::int_(0), nb::none()), Py_False, Py_None, nb::int_(0));
+  }
+  if (is_core_tensor(value)) {
+    nb::object device = nb::int_(as_core(value, "to_tensor").device());
+    return new_qtensor(to_coretensor_ndarray(value, device, nb::none()), Py_False, Py_None, device);
+  }
+  return new_qtensor(to_coretensor_ndarray(value, nb::int_(0), nb::none()), Py_False, Py_None, nb::int_(0));
+}
+
+void zero_grad(nb::handle self) {
+  QTensor& s = as_qtensor(self, "zero_grad");
+  if (is_false(s.requires_grad)) throw nb::value_error("Tensor's requires_grad is False ");
+  if (s.grad.is_none()) {
+    const Tensor& data = core_of(s, "zero_grad");
+    int device = int(device_of(s.device, "zero_grad"));
+    nb::object zeros = wrap_core(full(data.shape(), Scalar::from_int(0), device, data.dtype(), "zeros"));
+    s.grad = new_qtensor(to_coretensor_ndarray(zeros, s.device, nb::int_(int(data.dtype()))), Py_False, Py_None,
+                         s.device);
+  } else {
+    fill_(core_of(as_qtensor(s.grad, "zero_grad"), "zero_grad"), Scalar::from_int(0));
+  }
+}
+
+void init_qtensor(nb::module_& m) {
+  nb::module_ numpy = nb::module_::import_("numpy");
+  // Held for the life of the process.
+  g_ndarray = nb::object(numpy.attr("ndarray")).release().ptr();
+  g_np_array = nb::object(numpy.attr("array")).release().ptr();
+  g_core_tensor = (PyTypeObject*)nb::type<Tensor>().ptr();
+
+  nb::class_<QTensor> cls(m, "QTensor", nb::is_weak_referenceable(), nb::type_slots(qtensor_slots),
+                          "QTensor is basic data struct for quantum circuits and nerual networks.\n"
+                          "It supports multiple operations and implement their gradient function.");
+  g_qtensor = (PyTypeObject*)cls.ptr();
+
+  nb::class_<GraphNode> node(cls, "GraphNode", nb::type_slots(graphnode_slots),
+                             "Helper class which models a node in the computational graph.\n"
+                             "Stores tensor and derivative function of the primitive operation.");
+  g_graphnode = (PyTypeObject*)node.ptr();
+  node.def("__init__",
+           [](GraphNode* self, nb::handle tensor, nb::handle df, nb::handle name) {
+             nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
+             if (!device) throw nb::python_error();
+             new (self) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device};
+           },
+           nb::arg("tensor"), nb::arg("df"), nb::arg("name") = "");
+  node.def_rw("tensor", &GraphNode::tensor);
+  node.def_rw("name", &GraphNode::name);
+  node.def_rw("df", &GraphNode::df);
+  node.def_rw("device", &GraphNode::device);
+
+  nb::class_<GradFn> gradfn(m, "GradFn", nb::type_slots(gradfn_slots),
+                            "Derivative function of a built-in operator: takes and returns a _core.Tensor.");
+  g_gradfn = (PyTypeObject*)gradfn.ptr();
+  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return f.apply(g); }, nb::arg("grad"));
+
+  cls.def("__init__",
+          [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
+             nb::handle dtype, nb::handle name) {
+            nb::object core = to_coretensor_ndarray(data, device, dtype);
+            init_fields(self, std::move(core), requires_grad, nodes, device, name);
+            try {
+              record_constant(nb::find(*self), *self);
+            } catch (...) {
+              self->~QTensor();
+              throw;
+            }
+          },
+          nb::arg("data"), nb::arg("requires_grad") = false, nb::arg("nodes") = nb::none(), nb::arg("device") = 0,
+          nb::arg("dtype") = nb::none(), nb::arg("name") = "");
+
+  cls.def_rw("data", &QTensor::data);
+  cls.def_rw("requires_grad", &QTensor::requires_grad);
+  cls.def_rw("nodes", &QTensor::nodes);
+  cls.def_rw("link_nodes", &QTensor::link_nodes);
+  cls.def_rw("grad", &QTensor::grad);
+  cls.def_rw("device", &QTensor::device);
+  cls.def_rw("oplinkinfo", &QTensor::oplinkinfo);
+  cls.def_rw("save_onnx_constant", &QTensor::save_onnx_constant);
+  cls.def_rw("name", &QTensor::name);
+  cls.def_rw("_if_normal_run_qvm", &QTensor::if_normal_run_qvm);
+
+  cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data"), nb::arg("device"), nb::arg("dtype"));
+  cls.def_static("_to_tensor", &to_tensor, nb::arg("tensor"));
+  cls.def("astype", &astype, nb::arg("dtype"));
+  cls.def("__hash__", [](nb::handle self) { return uintptr_t(self.ptr()); });
+  cls.def("zero_grad", &zero_grad);
+  cls.def("backward", &backward, nb::arg("grad") = nb::none());
+
+  cls.def_prop_ro("shape", [](const QTensor& q) { return q.data.attr("shape"); });
+  cls.def_prop_ro("dtype", [](const QTensor& q) { return int(core_of(q, "dtype").dtype()); });
+  cls.def("getdata", [](const QTensor& q) {
+    const Tensor& data = core_of(q, "getdata");
+    return data.device() >= kFirstAccelerator ? py::numpy_copy(to_device(data, kCpuDevice, "getdata"), "getdata")
+                                              : py::numpy_copy(data, "getdata");
+  });
+}
+
+}  // namespace tramel::tensor
