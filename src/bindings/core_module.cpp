@@ -57,7 +57,7 @@ NB_MODULE(_core, m) {
 
   export_config()["save_constant"] = false;
   export_config()["save_opinfo"] = false;
-  m.def("_set_export_config", &set_export_config);
+  m.def("_set_export_config", &set_export_config, nb::arg("key"), nb::arg("value").none());
   m.def("_get_export_config", &get_export_config);
 
   init_tensor_class(m);

@@ -63,7 +63,7 @@ void init_tensor_class(nb::module_& m) {
             if (!nb::ndarray_check(array)) source = nb::module_::import_("numpy").attr("asarray")(array);
             new (self) Tensor(py::tensor_from_array(source, dev, d, "Tensor"));
           },
-          nb::arg("array"), nb::arg("device") = 0, nb::arg("dtype") = -1);
+          nb::arg("array"), nb::arg("device").none() = 0, nb::arg("dtype").none() = -1);
 
   cls.def_prop_ro("shape", &shape_list);
   cls.def("getShape", &shape_list);
@@ -85,7 +85,7 @@ void init_tensor_class(nb::module_& m) {
             nb::object out = py::numpy_copy(t, "__array__");
             return dtype.is_none() ? out : out.attr("astype")(dtype);
           },
-          nb::arg("dtype") = nb::none(), nb::arg("copy") = nb::none());
+          nb::arg("dtype").none() = nb::none(), nb::arg("copy").none() = nb::none());
   cls.def("__dlpack__",
           [](const Tensor& t, nb::kwargs) { return py::dlpack_capsule(t); }, nb::arg("kwargs"));
   cls.def("__dlpack_device__", [](const Tensor& t) {
@@ -96,53 +96,53 @@ void init_tensor_class(nb::module_& m) {
   // Creation.
   cls.def_static("empty", [](nb::handle shape, nb::handle device, nb::handle dtype) {
     return Tensor::empty(py::shape_arg(shape, "empty"), dtype_or_default(dtype, "empty"), py::device_arg(device, "empty"));
-  }, nb::arg("shape"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("zeros", [](nb::handle shape, nb::handle device, nb::handle dtype) {
     return full(py::shape_arg(shape, "zeros"), Scalar::from_int(0), py::device_arg(device, "zeros"),
                 dtype_or_default(dtype, "zeros"), "zeros");
-  }, nb::arg("shape"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("ones", [](nb::handle shape, nb::handle device, nb::handle dtype) {
     return full(py::shape_arg(shape, "ones"), Scalar::from_int(1), py::device_arg(device, "ones"),
                 dtype_or_default(dtype, "ones"), "ones");
-  }, nb::arg("shape"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("full", [](nb::handle shape, nb::handle value, nb::handle device, nb::handle dtype) {
     return full(py::shape_arg(shape, "full"), py::scalar_arg(value, "full"), py::device_arg(device, "full"),
                 dtype_or_default(dtype, "full"));
-  }, nb::arg("shape"), nb::arg("value"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("value"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("arange", [](double start, double end, double step, nb::handle device, nb::handle dtype) {
     return arange(start, end, step, py::device_arg(device, "arange"), dtype_or_default(dtype, "arange"));
-  }, nb::arg("start"), nb::arg("end"), nb::arg("step") = 1.0, nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("start"), nb::arg("end"), nb::arg("step") = 1.0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("linspace", [](double start, double end, int64_t nums, nb::handle device, nb::handle dtype) {
     return linspace(start, end, nums, py::device_arg(device, "linspace"), dtype_or_default(dtype, "linspace"));
-  }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("logspace", [](double start, double end, int64_t nums, double base, nb::handle device, nb::handle dtype) {
     return logspace(start, end, nums, base, py::device_arg(device, "logspace"), dtype_or_default(dtype, "logspace"));
-  }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), nb::arg("base") = 10.0, nb::arg("device") = 0,
-     nb::arg("dtype") = nb::none());
+  }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), nb::arg("base") = 10.0, nb::arg("device").none() = 0,
+     nb::arg("dtype").none() = nb::none());
   cls.def_static("eye", [](int64_t size, int64_t offset, nb::handle device, nb::handle dtype) {
     return eye(size, offset, py::device_arg(device, "eye"), dtype_or_default(dtype, "eye"));
-  }, nb::arg("size"), nb::arg("offset") = 0, nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("size"), nb::arg("offset") = 0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("diag", [](const Tensor& t, int64_t k) { return diag(t, k); }, nb::arg("data"), nb::arg("k") = 0);
   cls.def_static("randu", [](nb::handle shape, double low, double high, nb::handle device, nb::handle dtype) {
     Tensor t = Tensor::empty(py::shape_arg(shape, "randu"), dtype_or_default(dtype, "randu"), py::device_arg(device, "randu"));
     fill_uniform_(t, low, high);
     return t;
-  }, nb::arg("shape"), nb::arg("min") = 0.0, nb::arg("max") = 1.0, nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("min") = 0.0, nb::arg("max") = 1.0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("randn", [](nb::handle shape, double mean, double std, nb::handle device, nb::handle dtype) {
     Tensor t = Tensor::empty(py::shape_arg(shape, "randn"), dtype_or_default(dtype, "randn"), py::device_arg(device, "randn"));
     fill_normal_(t, mean, std, false);
     return t;
-  }, nb::arg("shape"), nb::arg("mean") = 0.0, nb::arg("std") = 1.0, nb::arg("device") = 0, nb::arg("dtype") = nb::none());
+  }, nb::arg("shape"), nb::arg("mean") = 0.0, nb::arg("std") = 1.0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
 
   // Devices.
   cls.def("CPU", [](const Tensor& t, nb::handle n) { return to_device(t, processor_arg(n, "CPU"), "CPU"); },
-          nb::arg("device") = 0);
+          nb::arg("device").none() = 0);
   cls.def("GPU", [](const Tensor& t, nb::handle n) { return to_device(t, accelerator_arg(n, "GPU"), "GPU"); },
-          nb::arg("device") = kFirstAccelerator);
+          nb::arg("device").none() = kFirstAccelerator);
   cls.def("toCPU", [](Tensor& t, nb::handle n) { move_to(t, processor_arg(n, "toCPU"), "toCPU"); },
-          nb::arg("device") = 0);
+          nb::arg("device").none() = 0);
   cls.def("toGPU", [](Tensor& t, nb::handle n) { move_to(t, accelerator_arg(n, "toGPU"), "toGPU"); },
-          nb::arg("device") = kFirstAccelerator);
+          nb::arg("device").none() = kFirstAccelerator);
 
   // Dtypes. toDtype with the tensor's own dtype returns the same object.
   cls.def("toDtype", [](nb::handle self, nb::handle dtype, bool if_new) -> nb::object {
@@ -150,9 +150,9 @@ void init_tensor_class(nb::module_& m) {
     DType d = *py::dtype_arg(dtype, "toDtype");
     if (d == t.dtype() && !if_new) return nb::borrow(self);
     return nb::cast(to_dtype(t, d, true));
-  }, nb::arg("dtype"), nb::arg("if_new") = false);
+  }, nb::arg("dtype").none(), nb::arg("if_new") = false);
   cls.def("astype", [](const Tensor& t, nb::handle dtype) { return to_dtype(t, *py::dtype_arg(dtype, "astype"), true); },
-          nb::arg("dtype"));
+          nb::arg("dtype").none());
 
   // Fills, in place.
   cls.def("fill_", [](Tensor& t, nb::handle v) { fill_(t, py::scalar_arg(v, "fill_")); }, nb::arg("value"));

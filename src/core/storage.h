@@ -27,13 +27,16 @@ class Storage {
   void release();
 
  private:
-  Storage(void* data, size_t nbytes, int device) : data_(data), nbytes_(nbytes), device_(device) {}
-  ~Storage();
+  Storage(void* data, size_t nbytes, int device, bool inline_block)
+      : data_(data), nbytes_(nbytes), device_(device), inline_block_(inline_block) {}
+  ~Storage() = default;
 
   std::atomic<int64_t> refcount_{1};
   void* data_;
   size_t nbytes_;
   int device_;
+  // Small host buffers share one allocation with this header.
+  bool inline_block_;
 };
 
 // Owning handle of a Storage.

@@ -245,8 +245,8 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
                  nb::handle name) {
   new (q) QTensor{std::move(data),
                   nb::borrow(requires_grad),
-                  truthy(nodes) ? nb::borrow(nodes) : nb::list(),
-                  nb::list(),
+                  truthy(nodes) ? nb::borrow(nodes) : nb::object(),
+                  nb::object(),
                   nb::none(),
                   nb::borrow(device),
                   nb::none(),
@@ -329,6 +329,11 @@ bool truthy(nb::handle h) {
   int r = PyObject_IsTrue(h.ptr());
   if (r < 0) throw nb::python_error();
   return r;
+}
+
+nb::object& materialized(nb::object& list_field) {
+  if (!list_field.is_valid()) list_field = nb::list();
+  return list_field;
 }
 
 std::string py_text(nb::handle o) {
@@ -415,16 +420,16 @@ void init_qtensor(nb::module_& m) {
              if (!device) throw nb::python_error();
              new (self) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device};
            },
-           nb::arg("tensor"), nb::arg("df"), nb::arg("name") = "");
-  node.def_rw("tensor", &GraphNode::tensor);
-  node.def_rw("name", &GraphNode::name);
-  node.def_rw("df", &GraphNode::df);
-  node.def_rw("device", &GraphNode::device);
+           nb::arg("tensor").none(), nb::arg("df").none(), nb::arg("name").none() = "");
+  node.def_rw("tensor", &GraphNode::tensor, nb::arg().none());
+  node.def_rw("name", &GraphNode::name, nb::arg().none());
+  node.def_rw("df", &GraphNode::df, nb::arg().none());
+  node.def_rw("device", &GraphNode::device, nb::arg().none());
 
   nb::class_<GradFn> gradfn(m, "GradFn", nb::type_slots(gradfn_slots),
                             "Derivative function of a built-in operator: takes and returns a _core.Tensor.");
   g_gradfn = (PyTypeObject*)gradfn.ptr();
-  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return f.apply(g); }, nb::arg("grad"));
+  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return f.apply(g); }, nb::arg("grad").none());
 
   cls.def("__init__",
           [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
@@ -438,26 +443,30 @@ void init_qtensor(nb::module_& m) {
               throw;
             }
           },
-          nb::arg("data"), nb::arg("requires_grad") = false, nb::arg("nodes") = nb::none(), nb::arg("device") = 0,
-          nb::arg("dtype") = nb::none(), nb::arg("name") = "");
+          nb::arg("data").none(), nb::arg("requires_grad").none() = false, nb::arg("nodes").none() = nb::none(), nb::arg("device").none() = 0,
+          nb::arg("dtype").none() = nb::none(), nb::arg("name").none() = "");
 
-  cls.def_rw("data", &QTensor::data);
-  cls.def_rw("requires_grad", &QTensor::requires_grad);
-  cls.def_rw("nodes", &QTensor::nodes);
-  cls.def_rw("link_nodes", &QTensor::link_nodes);
-  cls.def_rw("grad", &QTensor::grad);
-  cls.def_rw("device", &QTensor::device);
-  cls.def_rw("oplinkinfo", &QTensor::oplinkinfo);
-  cls.def_rw("save_onnx_constant", &QTensor::save_onnx_constant);
-  cls.def_rw("name", &QTensor::name);
-  cls.def_rw("_if_normal_run_qvm", &QTensor::if_normal_run_qvm);
+  cls.def_rw("data", &QTensor::data, nb::arg().none());
+  cls.def_rw("requires_grad", &QTensor::requires_grad, nb::arg().none());
+  cls.def_prop_rw(
+      "nodes", [](QTensor& q) { return materialized(q.nodes); },
+      [](QTensor& q, nb::handle value) { q.nodes = nb::borrow(value); }, nb::arg().none());
+  cls.def_prop_rw(
+      "link_nodes", [](QTensor& q) { return materialized(q.link_nodes); },
+      [](QTensor& q, nb::handle value) { q.link_nodes = nb::borrow(value); }, nb::arg().none());
+  cls.def_rw("grad", &QTensor::grad, nb::arg().none());
+  cls.def_rw("device", &QTensor::device, nb::arg().none());
+  cls.def_rw("oplinkinfo", &QTensor::oplinkinfo, nb::arg().none());
+  cls.def_rw("save_onnx_constant", &QTensor::save_onnx_constant, nb::arg().none());
+  cls.def_rw("name", &QTensor::name, nb::arg().none());
+  cls.def_rw("_if_normal_run_qvm", &QTensor::if_normal_run_qvm, nb::arg().none());
 
-  cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data"), nb::arg("device"), nb::arg("dtype"));
-  cls.def_static("_to_tensor", &to_tensor, nb::arg("tensor"));
-  cls.def("astype", &astype, nb::arg("dtype"));
+  cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data").none(), nb::arg("device").none(), nb::arg("dtype").none());
+  cls.def_static("_to_tensor", &to_tensor, nb::arg("tensor").none());
+  cls.def("astype", &astype, nb::arg("dtype").none());
   cls.def("__hash__", [](nb::handle self) { return uintptr_t(self.ptr()); });
   cls.def("zero_grad", &zero_grad);
-  cls.def("backward", &backward, nb::arg("grad") = nb::none());
+  cls.def("backward", &backward, nb::arg("grad").none() = nb::none());
 
   cls.def_prop_ro("shape", [](const QTensor& q) { return q.data.attr("shape"); });
   cls.def_prop_ro("dtype", [](const QTensor& q) { return int(core_of(q, "dtype").dtype()); });

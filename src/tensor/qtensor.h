@@ -6,6 +6,11 @@
 // be any object, device is whatever int the caller passed). C++ reads them
 // through the helpers below, which treat them as Python would (truthiness,
 // identity with True/False, int conversion).
+//
+// Note [lazy empty lists]
+// A tensor's `nodes` and `link_nodes` start as empty lists. Most tensors
+// never get an entry, so the empty list is made on first read: until then
+// the field is null, which C++ readers treat as an empty list.
 #pragma once
 #include <nanobind/nanobind.h>
 
@@ -20,8 +25,8 @@ namespace nb = nanobind;
 struct QTensor {
   nb::object data;             // a _core.Tensor
   nb::object requires_grad;
-  nb::object nodes;            // list of GraphNode
-  nb::object link_nodes;       // list of GraphNode with df None
+  nb::object nodes;            // list of GraphNode; see Note [lazy empty lists]
+  nb::object link_nodes;       // list of GraphNode with df None; likewise
   nb::object grad;             // QTensor or None
   nb::object device;
   nb::object oplinkinfo;
@@ -84,6 +89,9 @@ nb::object qtensor_from_core(Tensor t);
 // A QTensor holding zeros of `shape`, `dtype` on `device`.
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name);
+
+// The list in a lazily made list field; see Note [lazy empty lists].
+nb::object& materialized(nb::object& list_field);
 
 // str(o) of a Python object.
 std::string py_text(nb::handle o);

@@ -3,10 +3,10 @@
 // circuits must not overflow the stack.
 #include <nanobind/nanobind.h>
 
-#include <unordered_map>
 #include <vector>
 
 #include "bindings/interop.h"
+#include "tensor/autograd/identity_map.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
@@ -19,6 +19,7 @@ using Nodes = std::vector<nb::object>;
 template <typename F>
 void for_each_edge(nb::handle q, F&& fn) {
   nb::handle nodes = as_qtensor(q, "backward").nodes;
+  if (!nodes.is_valid()) return;  // See Note [lazy empty lists]
   if (PyList_Check(nodes.ptr())) {
     // Index each time: a derivative function may change the list.
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(nodes.ptr()); ++i) {
@@ -49,6 +50,7 @@ void get_prev(nb::handle q, Nodes& out) {
 }
 
 bool check_nodes_not_empty_or_none(nb::handle nodes) {
+  if (!nodes.is_valid()) return false;  // an empty list not made yet
   if (nodes.is_none()) return true;
   return PyList_Check(nodes.ptr()) && PyList_GET_SIZE(nodes.ptr()) > 0;
 }
@@ -97,9 +99,10 @@ class TopoSort {
     while (!stack.empty()) {
       nb::object node = std::move(stack.back());
       stack.pop_back();
-      auto [it, inserted] = counts_.try_emplace(node.ptr(), 1);
+      bool inserted;
+      int64_t& count = counts_.find_or_insert(node.ptr(), 1, &inserted);
       if (!inserted) {
-        ++it->second;
+        ++count;
         continue;
       }
       alive_.push_back(node);
@@ -111,16 +114,16 @@ class TopoSort {
     scratch_.clear();
     parents_(node, scratch_);
     for (nb::object& parent : scratch_) {
-      auto it = counts_.find(parent.ptr());
-      if (it == counts_.end()) key_error(parent);
-      if (it->second == 1) childless_.push_back(std::move(parent));
-      else --it->second;
+      int64_t* count = counts_.find(parent.ptr());
+      if (!count) key_error(parent);
+      if (*count == 1) childless_.push_back(std::move(parent));
+      else --*count;
     }
   }
 
   nb::object end_;
   Parents parents_;
-  std::unordered_map<PyObject*, int64_t> counts_;
+  IdentityMap<int64_t> counts_;
   Nodes alive_;  // keeps the keys of counts_ alive
   Nodes childless_, scratch_;
   nb::object last_;
@@ -154,21 +157,24 @@ class TopoSortIterator {
 // in-place additions show through).
 class OutGrads {
  public:
-  OutGrads(nb::handle end, nb::handle seed) { map_.emplace(end.ptr(), Entry{nb::borrow(end), nb::borrow(seed)}); }
+  OutGrads(nb::handle end, nb::handle seed) { set(end, seed); }
   nb::object pop(nb::handle key) {
-    auto it = map_.find(key.ptr());
-    if (it == map_.end()) key_error(key);
-    nb::object value = std::move(it->second.value);
-    map_.erase(it);
+    Entry* entry = map_.find(key.ptr());
+    if (!entry) key_error(key);
+    nb::object value = std::move(entry->value);
+    map_.erase(key.ptr());
     return value;
   }
-  void set(nb::handle key, nb::handle value) { map_[key.ptr()] = Entry{nb::borrow(key), nb::borrow(value)}; }
+  void set(nb::handle key, nb::handle value) {
+    bool inserted;
+    map_.find_or_insert(key.ptr(), Entry{}, &inserted) = Entry{nb::borrow(key), nb::borrow(value)};
+  }
 
  private:
   struct Entry {
-    nb::object key, value;
+    nb::object key, value;  // the key is held, as a dict would
   };
-  std::unordered_map<PyObject*, Entry> map_;
+  IdentityMap<Entry> map_;
 };
 
 bool equals_false(nb::handle flag) {
@@ -314,18 +320,18 @@ void init_autograd(nb::module_& m) {
       .def("__iter__", [](nb::handle self) { return nb::borrow(self); })
       .def("__next__", &TopoSortIterator::next);
 
-  m.def("get_prev", [](nb::handle q) { return parents_list(&get_prev, q); }, nb::arg("q"));
-  m.def("free_grad", [](nb::handle q) { return parents_list(&free_grad, q); }, nb::arg("q"));
+  m.def("get_prev", [](nb::handle q) { return parents_list(&get_prev, q); }, nb::arg("q").none());
+  m.def("free_grad", [](nb::handle q) { return parents_list(&free_grad, q); }, nb::arg("q").none());
   // The default parents function is this module's get_prev, fixed here.
   nb::object default_parents = m.attr("get_prev");
   m.def("toposort",
         [](nb::object end, nb::object parents) { return TopoSortIterator(std::move(end), std::move(parents)); },
-        nb::arg("end_node"), nb::arg("parents") = default_parents);
-  m.def("_check_nodes_not_empty_or_none", &check_nodes_not_empty_or_none, nb::arg("nodes"));
-  m.def("just_valid_result_from_qvm", &just_valid_result_from_qvm, nb::arg("g"), nb::arg("end_node"));
-  m.def("backprop_impl", &backprop_impl, nb::arg("g"), nb::arg("end_node"));
-  m.def("free_backprop_grad", &free_backprop_grad, nb::arg("g"), nb::arg("end_node"));
-  m.def("backprop", &backprop, nb::arg("g"), nb::arg("end_node"));
+        nb::arg("end_node").none(), nb::arg("parents").none() = default_parents);
+  m.def("_check_nodes_not_empty_or_none", &check_nodes_not_empty_or_none, nb::arg("nodes").none());
+  m.def("just_valid_result_from_qvm", &just_valid_result_from_qvm, nb::arg("g").none(), nb::arg("end_node").none());
+  m.def("backprop_impl", &backprop_impl, nb::arg("g").none(), nb::arg("end_node").none());
+  m.def("free_backprop_grad", &free_backprop_grad, nb::arg("g").none(), nb::arg("end_node").none());
+  m.def("backprop", &backprop, nb::arg("g").none(), nb::arg("end_node").none());
 }
 
 }  // namespace tramel::tensor

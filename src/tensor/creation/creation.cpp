@@ -32,16 +32,16 @@ nb::object ones_like(nb::handle t, nb::handle device, nb::handle dtype) {
 }
 
 void init_creation(nb::module_& m) {
-  m.def("to_tensor", &to_tensor, nb::arg("x"));
+  m.def("to_tensor", &to_tensor, nb::arg("x").none());
   m.def("zeros",
         [](nb::handle shape, nb::handle device, nb::handle dtype) {
           DType d = dtype.is_none() ? default_dtype() : *py::dtype_arg(dtype, "zeros");
           return qtensor_from_core(full(py::shape_arg(shape, "zeros"), Scalar::from_int(0),
                                         py::device_arg(device, "zeros"), d, "zeros"));
         },
-        nb::arg("shape"), nb::arg("device") = 0, nb::arg("dtype") = nb::none());
-  m.def("zeros_like", &zeros_like, nb::arg("t"), nb::arg("device") = nb::none(), nb::arg("dtype") = nb::none());
-  m.def("ones_like", &ones_like, nb::arg("t"), nb::arg("device") = nb::none(), nb::arg("dtype") = nb::none());
+        nb::arg("shape").none(), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
+  m.def("zeros_like", &zeros_like, nb::arg("t").none(), nb::arg("device").none() = nb::none(), nb::arg("dtype").none() = nb::none());
+  m.def("ones_like", &ones_like, nb::arg("t").none(), nb::arg("device").none() = nb::none(), nb::arg("dtype").none() = nb::none());
 }
 
 }  // namespace tramel::tensor

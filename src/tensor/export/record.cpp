@@ -76,7 +76,7 @@ void record_constant(nb::handle y, QTensor& fields) {
   nb::list attribute;
   attribute.append(value);
   nb::object record = make_record(id_text(y) + "_tensor_init_", "Constant", {y}, y, attribute);
-  fields.link_nodes = nb::list();
+  fields.link_nodes = nb::object();  // a new empty list; see Note [lazy empty lists]
   fields.oplinkinfo = record;
 }
 
