@@ -336,6 +336,11 @@ def test_arg_extrema(fn, ref, nptype, device):
     (lambda: T.empty([-3], 0, D.kfloat32), ValueError),
     (lambda: T.full([-1], 1.0, 0, D.kfloat32), ValueError),
     (lambda: T.zeros([1] * 17, 0, D.kfloat32), ValueError),
+    # element counts that overflow, or could never be allocated
+    (lambda: T.zeros([2**40, 2**40], 0, D.kfloat32), ValueError),
+    (lambda: T.eye(2**33, 0, 0, D.kfloat32), ValueError),
+    (lambda: T.arange(0, 1e30, 1e-9, 0, D.kfloat64), ValueError),
+    (lambda: T.zeros([2**50], 0, D.kfloat64), RuntimeError),
     (lambda: T(np.zeros((1,) * 17), 0, -1), ValueError),
     (lambda: T.arange(0, 5, 1, 0, D.kbool), ValueError),
     (lambda: T.arange(0, 5, 1, 0, D.kcomplex64), ValueError),

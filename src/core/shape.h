@@ -6,6 +6,7 @@
 namespace tramel {
 
 constexpr int kMaxRank = 16;
+constexpr int64_t kMaxElements = int64_t(1) << 58;
 
 class Shape {
  public:

@@ -17,8 +17,13 @@ Shape::Shape(const int64_t* dims, int rank, const char* op) {
          "rank " + std::to_string(rank) + " exceeds the largest supported rank " + std::to_string(kMaxRank));
   rank_ = rank;
   for (int i = 0; i < rank; ++i) dims_[i] = dims[i];
-  for (int i = 0; i < rank; ++i)
+  int64_t count = 1;
+  for (int i = 0; i < rank; ++i) {
     if (dims[i] < 0) fail(ErrorKind::Value, op, "negative dimension in shape " + str());
+    // Keep numel * itemsize representable: larger shapes could never be allocated.
+    if (__builtin_mul_overflow(count, dims[i], &count) || count > kMaxElements)
+      fail(ErrorKind::Value, op, "shape " + str() + " has too many elements");
+  }
 }
 
 int64_t Shape::numel() const {

@@ -60,6 +60,7 @@ Tensor arange(double start, double end, double step, int device, DType dtype) {
   if (step == 0 || !std::isfinite(step)) fail(ErrorKind::Value, op, "step must be finite and non-zero");
   double count = std::ceil((end - start) / step);
   if (!std::isfinite(count)) fail(ErrorKind::Value, op, "start and end must be finite");
+  if (count > double(kMaxElements)) fail(ErrorKind::Value, op, "the range has too many elements");
   Tensor t = vector_of(count > 0 ? int64_t(count) : 0, device, dtype, op);
   generate<kRangeTypes>(t, op, [&](int64_t i) { return start + double(i) * step; });
   return t;
