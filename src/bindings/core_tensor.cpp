@@ -124,14 +124,10 @@ void init_tensor_class(nb::module_& m) {
   }, nb::arg("size"), nb::arg("offset") = 0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("diag", [](const Tensor& t, int64_t k) { return diag(t, k); }, nb::arg("data"), nb::arg("k") = 0);
   cls.def_static("randu", [](nb::handle shape, double low, double high, nb::handle device, nb::handle dtype) {
-    Tensor t = Tensor::empty(py::shape_arg(shape, "randu"), dtype_or_default(dtype, "randu"), py::device_arg(device, "randu"));
-    fill_uniform_(t, low, high);
-    return t;
+    return randu(py::shape_arg(shape, "randu"), low, high, py::device_arg(device, "randu"), dtype_or_default(dtype, "randu"));
   }, nb::arg("shape"), nb::arg("min") = 0.0, nb::arg("max") = 1.0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
   cls.def_static("randn", [](nb::handle shape, double mean, double std, nb::handle device, nb::handle dtype) {
-    Tensor t = Tensor::empty(py::shape_arg(shape, "randn"), dtype_or_default(dtype, "randn"), py::device_arg(device, "randn"));
-    fill_normal_(t, mean, std, false);
-    return t;
+    return randn(py::shape_arg(shape, "randn"), mean, std, py::device_arg(device, "randn"), dtype_or_default(dtype, "randn"));
   }, nb::arg("shape"), nb::arg("mean") = 0.0, nb::arg("std") = 1.0, nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none());
 
   // Devices.

@@ -38,6 +38,8 @@ void manual_seed(uint64_t seed);
 void fill_uniform_(Tensor& t, double low, double high);
 void fill_normal_(Tensor& t, double mean, double stddev, bool fast_math);
 void fill_binary_(Tensor& t, double threshold);
+Tensor randu(const Shape& shape, double low, double high, int device, DType dtype);
+Tensor randn(const Shape& shape, double mean, double stddev, int device, DType dtype);
 
 // ---- element-wise (kernels/elementwise.cpp) ----
 void add_(Tensor& t, const Tensor& other);

@@ -30,7 +30,10 @@ NB_MODULE(tensor, m) {
     m.attr(name) = dtype.attr(name);
 
   init_export(m);
-  init_qtensor(m);
+  nb::class_<QTensor> cls = init_qtensor(m);
+  init_host(m, cls);
+  init_device(m, cls);
+  init_query(m, cls);
   init_autograd(m);
   init_creation(m);
 }

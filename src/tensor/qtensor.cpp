@@ -192,6 +192,8 @@ nb::object core_from_array(nb::handle array, int device, nb::handle dtype, bool 
 
 [[noreturn]] void fail_move(const std::string& what) { throw nb::value_error(what.c_str()); }
 
+}  // namespace
+
 // The constructor's conversion of `data` into a _core.Tensor object.
 nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle dtype) {
   if (is_core_tensor(data)) {
@@ -240,6 +242,8 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
   if (!source) throw nb::python_error();
   return core_from_array(source, dev, dtype, true);
 }
+
+namespace {
 
 void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                  nb::handle name) {
@@ -352,6 +356,11 @@ nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nod
   return obj;
 }
 
+nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
+                             nb::handle dtype) {
+  return new_qtensor(to_coretensor_ndarray(data, device, dtype), requires_grad, nodes, device);
+}
+
 nb::object qtensor_from_core(Tensor t) {
   int device = t.device();
   return new_qtensor(wrap_core(std::move(t)), Py_False, Py_None, nb::int_(device));
@@ -361,13 +370,61 @@ nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
   return qtensor_from_core(full(shape, Scalar::from_int(0), device, dtype, "zeros"));
 }
 
-nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name) {
+namespace {
+nb::object new_graphnode(nb::handle tensor, nb::handle df, nb::handle name, const LazyLabel& label) {
   nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
   if (!device) throw nb::python_error();
   nb::object obj = nb::inst_alloc(g_graphnode);
-  new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device};
+  new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, label};
   nb::inst_mark_ready(obj);
   return obj;
+}
+}  // namespace
+
+nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name) {
+  return new_graphnode(tensor, df, name, LazyLabel());
+}
+
+nb::object make_graphnode(nb::handle tensor, nb::handle df, const LazyLabel& label) {
+  return new_graphnode(tensor, df, nb::handle(), label);
+}
+
+nb::object& graphnode_name(GraphNode& node) {
+  if (!node.name.is_valid()) node.name = nb::str(node.label.str().c_str());
+  return node.name;
+}
+
+LazyLabel LazyLabel::literal(const char* text) {
+  LazyLabel l;
+  l.text[0] = text;
+  return l;
+}
+
+LazyLabel LazyLabel::with_shape(const char* before, const Shape& shape, const char* after) {
+  LazyLabel l;
+  l.text[0] = before;
+  l.shapes[0] = shape;
+  l.text[1] = after;
+  l.nshapes = 1;
+  return l;
+}
+
+LazyLabel LazyLabel::with_shapes(const char* before, const Shape& a, const char* middle, const Shape& b,
+                                 const char* after) {
+  LazyLabel l;
+  l.text[0] = before;
+  l.shapes[0] = a;
+  l.text[1] = middle;
+  l.shapes[1] = b;
+  l.text[2] = after;
+  l.nshapes = 2;
+  return l;
+}
+
+std::string LazyLabel::str() const {
+  std::string s = text[0];
+  for (int i = 0; i < nshapes; ++i) s += shapes[i].str() + text[i + 1];
+  return s;
 }
 
 nb::object to_tensor(nb::handle value) {
@@ -398,7 +455,7 @@ void zero_grad(nb::handle self) {
   }
 }
 
-void init_qtensor(nb::module_& m) {
+nb::class_<QTensor> init_qtensor(nb::module_& m) {
   nb::module_ numpy = nb::module_::import_("numpy");
   // Held for the life of the process.
   g_ndarray = nb::object(numpy.attr("ndarray")).release().ptr();
@@ -418,11 +475,13 @@ void init_qtensor(nb::module_& m) {
            [](GraphNode* self, nb::handle tensor, nb::handle df, nb::handle name) {
              nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
              if (!device) throw nb::python_error();
-             new (self) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device};
+             new (self) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, LazyLabel()};
            },
            nb::arg("tensor").none(), nb::arg("df").none(), nb::arg("name").none() = "");
   node.def_rw("tensor", &GraphNode::tensor, nb::arg().none());
-  node.def_rw("name", &GraphNode::name, nb::arg().none());
+  node.def_prop_rw(
+      "name", [](GraphNode& n) { return graphnode_name(n); },
+      [](GraphNode& n, nb::handle value) { n.name = nb::borrow(value); }, nb::arg().none());
   node.def_rw("df", &GraphNode::df, nb::arg().none());
   node.def_rw("device", &GraphNode::device, nb::arg().none());
 
@@ -468,13 +527,7 @@ void init_qtensor(nb::module_& m) {
   cls.def("zero_grad", &zero_grad);
   cls.def("backward", &backward, nb::arg("grad").none() = nb::none());
 
-  cls.def_prop_ro("shape", [](const QTensor& q) { return q.data.attr("shape"); });
-  cls.def_prop_ro("dtype", [](const QTensor& q) { return int(core_of(q, "dtype").dtype()); });
-  cls.def("getdata", [](const QTensor& q) {
-    const Tensor& data = core_of(q, "getdata");
-    return data.device() >= kFirstAccelerator ? py::numpy_copy(to_device(data, kCpuDevice, "getdata"), "getdata")
-                                              : py::numpy_copy(data, "getdata");
-  });
+  return cls;
 }
 
 }  // namespace tramel::tensor

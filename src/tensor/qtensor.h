@@ -35,11 +35,28 @@ struct QTensor {
   nb::object if_normal_run_qvm;
 };
 
+// A label made of literal text and tensor shapes, formatted only when read:
+// text[0] shapes[0] text[1] shapes[1] text[2], shapes printed as Python
+// prints a shape list ("[2, 3]"). Built-in operators name their edges with it
+// so that a label nobody reads costs no string formatting.
+struct LazyLabel {
+  const char* text[3] = {"", "", ""};
+  Shape shapes[2];
+  int nshapes = 0;
+
+  static LazyLabel literal(const char* text);
+  static LazyLabel with_shape(const char* before, const Shape& shape, const char* after = "");
+  static LazyLabel with_shapes(const char* before, const Shape& a, const char* middle, const Shape& b,
+                               const char* after = "");
+  std::string str() const;
+};
+
 struct GraphNode {
   nb::object tensor;
-  nb::object name;
+  nb::object name;  // null while `label` has not been formatted
   nb::object df;
   nb::object device;
+  LazyLabel label;
 };
 
 // A built-in operator's derivative function. The backward walk calls apply()
@@ -83,12 +100,20 @@ int64_t device_of(nb::handle device_field, const char* op);
 // them, then the constant record when recording is on.
 nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                        nb::handle name = nb::handle());
+// QTensor(data, requires_grad, nodes, device, dtype), as the constructor does it.
+nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
+                             nb::handle dtype);
+// The constructor's conversion of any accepted `data` into a _core.Tensor object.
+nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle dtype);
 // QTensor(data=Tensor on its own device), requires_grad False: what to_tensor
 // makes of a core result.
 nb::object qtensor_from_core(Tensor t);
 // A QTensor holding zeros of `shape`, `dtype` on `device`.
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name);
+nb::object make_graphnode(nb::handle tensor, nb::handle df, const LazyLabel& label);
+// The name of an edge, formatting a lazy label on first read.
+nb::object& graphnode_name(GraphNode& node);
 
 // The list in a lazily made list field; see Note [lazy empty lists].
 nb::object& materialized(nb::object& list_field);
@@ -100,10 +125,15 @@ std::string py_text(nb::handle o);
 void zero_grad(nb::handle self);
 void backward(nb::handle self, nb::handle grad);
 nb::object to_tensor(nb::handle value);
+// A new numpy array with the tensor's values, from any device.
+nb::object host_copy(const Tensor& t, const char* op);
 nb::object zeros_like(nb::handle t, nb::handle device, nb::handle dtype);
 nb::object ones_like(nb::handle t, nb::handle device, nb::handle dtype);
 
-void init_qtensor(nb::module_& m);
+nb::class_<QTensor> init_qtensor(nb::module_& m);
+void init_host(nb::module_& m, nb::class_<QTensor>& cls);
+void init_device(nb::module_& m, nb::class_<QTensor>& cls);
+void init_query(nb::module_& m, nb::class_<QTensor>& cls);
 void init_autograd(nb::module_& m);
 void init_creation(nb::module_& m);
 void init_export(nb::module_& m);

@@ -106,4 +106,16 @@ void fill_binary_(Tensor& t, double threshold) {
   });
 }
 
+Tensor randu(const Shape& shape, double low, double high, int device, DType dtype) {
+  Tensor t = Tensor::empty(shape, dtype, device, "randu");
+  fill_uniform_(t, low, high);
+  return t;
+}
+
+Tensor randn(const Shape& shape, double mean, double stddev, int device, DType dtype) {
+  Tensor t = Tensor::empty(shape, dtype, device, "randn");
+  fill_normal_(t, mean, stddev, false);
+  return t;
+}
+
 }  // namespace tramel

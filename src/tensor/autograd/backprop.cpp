@@ -7,34 +7,10 @@
 
 #include "bindings/interop.h"
 #include "tensor/autograd/identity_map.h"
-#include "tensor/qtensor.h"
+#include "tensor/autograd/toposort.h"
 
 namespace tramel::tensor {
 
-namespace {
-
-using Nodes = std::vector<nb::object>;
-
-// Calls fn(GraphNode&) for each edge in q.nodes, in order.
-template <typename F>
-void for_each_edge(nb::handle q, F&& fn) {
-  nb::handle nodes = as_qtensor(q, "backward").nodes;
-  if (!nodes.is_valid()) return;  // See Note [lazy empty lists]
-  if (PyList_Check(nodes.ptr())) {
-    // Index each time: a derivative function may change the list.
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(nodes.ptr()); ++i) {
-      nb::object edge = nb::borrow(PyList_GET_ITEM(nodes.ptr(), i));
-      fn(as_graphnode(edge, "backward"));
-    }
-  } else {
-    for (nb::handle edge : nodes) fn(as_graphnode(edge, "backward"));
-  }
-}
-
-// Note [parents functions]
-// The walks are one algorithm over a "parents" function: get_prev, which also
-// allocates the zero gradients of the pass; free_grad, which releases interior
-// gradients; or any Python callable handed to toposort.
 void get_prev(nb::handle q, Nodes& out) {
   for_each_edge(q, [&](GraphNode& edge) {
     QTensor& parent = as_qtensor(edge.tensor, "backward");
@@ -69,66 +45,7 @@ void free_grad(nb::handle q, Nodes& out) {
   throw nb::python_error();
 }
 
-// A reverse-topological order by counting children, lazily: nothing runs
-// before the first next(), and the parents of a yielded node are visited
-// only when the following node is asked for, after the consumer's work on it.
-template <typename Parents>
-class TopoSort {
- public:
-  TopoSort(nb::object end, Parents parents) : end_(std::move(end)), parents_(std::move(parents)) {}
-
-  // The next tensor, or an invalid handle when the walk is over.
-  nb::object next() {
-    if (!started_) {
-      started_ = true;
-      count_children();
-      childless_.push_back(end_);
-    } else if (last_.is_valid()) {
-      release_parents_of(last_);
-      last_.reset();
-    }
-    if (childless_.empty()) return nb::object();
-    last_ = std::move(childless_.back());
-    childless_.pop_back();
-    return last_;
-  }
-
- private:
-  void count_children() {
-    Nodes stack{end_};
-    while (!stack.empty()) {
-      nb::object node = std::move(stack.back());
-      stack.pop_back();
-      bool inserted;
-      int64_t& count = counts_.find_or_insert(node.ptr(), 1, &inserted);
-      if (!inserted) {
-        ++count;
-        continue;
-      }
-      alive_.push_back(node);
-      parents_(node, stack);
-    }
-  }
-
-  void release_parents_of(nb::handle node) {
-    scratch_.clear();
-    parents_(node, scratch_);
-    for (nb::object& parent : scratch_) {
-      int64_t* count = counts_.find(parent.ptr());
-      if (!count) key_error(parent);
-      if (*count == 1) childless_.push_back(std::move(parent));
-      else --*count;
-    }
-  }
-
-  nb::object end_;
-  Parents parents_;
-  IdentityMap<int64_t> counts_;
-  Nodes alive_;  // keeps the keys of counts_ alive
-  Nodes childless_, scratch_;
-  nb::object last_;
-  bool started_ = false;
-};
+namespace {
 
 struct PythonParents {
   nb::object fn;
@@ -137,7 +54,6 @@ struct PythonParents {
     for (nb::handle parent : result) out.push_back(nb::borrow(parent));
   }
 };
-using CppParents = void (*)(nb::handle, Nodes&);
 
 // The Python face of toposort: an iterator over TopoSort<PythonParents>.
 class TopoSortIterator {

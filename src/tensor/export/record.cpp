@@ -1,6 +1,7 @@
 #include "tensor/export/record.h"
 
 #include "bindings/interop.h"
+#include "tensor/autograd/toposort.h"
 
 namespace tramel::tensor {
 
@@ -30,9 +31,19 @@ const Tensor& data_of(nb::handle q) { return core_of(as_qtensor(q, "export"), "e
 
 std::string id_text(nb::handle o) { return std::to_string(uintptr_t(o.ptr())); }
 
-bool gated_recording_on() {
-  const ExportFlags& flags = export_flags();
-  return flags.save_constant_is_true && flags.save_opinfo_is_not_false;
+bool save_constant_on() { return export_flags().save_constant_is_true; }
+bool save_opinfo_on() { return export_flags().save_opinfo_is_not_false; }
+
+void append_links(QTensor& y, std::initializer_list<Link> links) {
+  nb::object& list = materialized(y.link_nodes);
+  for (const Link& link : links)
+    if (PyList_Append(list.ptr(), make_graphnode(link.tensor, nb::none(), link.label).ptr()) < 0)
+      throw nb::python_error();
+}
+
+void replace_links(QTensor& y, std::initializer_list<Link> links) {
+  y.link_nodes = nb::list();
+  append_links(y, links);
 }
 
 nb::object make_record(const std::string& opid, const char* opname, std::initializer_list<nb::handle> inputs,
@@ -65,7 +76,7 @@ nb::object make_record(const std::string& opid, const char* opname, std::initial
 }
 
 void record_constant(nb::handle y, QTensor& fields) {
-  if (!gated_recording_on()) return;
+  if (!save_constant_on() || !save_opinfo_on()) return;
   // Called from the constructor too, before the object is ready for Python
   // attribute access: everything is read from the engine tensor.
   const Tensor& data = core_of(fields, "Constant");
@@ -81,22 +92,43 @@ void record_constant(nb::handle y, QTensor& fields) {
 }
 
 void record_cast(nb::handle t1, nb::handle y) {
-  if (!gated_recording_on()) return;
-  QTensor& out = as_qtensor(y, "astype");
-  nb::list links;
-  links.append(make_graphnode(t1, nb::none(), nb::str("Cast")));
-  out.link_nodes = links;
-  nb::set attribute;
-  attribute.add(nb::str("dtype"));
-  attribute.add(nb::int_(int(data_of(y).dtype())));
-  out.oplinkinfo = make_record(id_text(t1) + "cast_to_" + id_text(y), "Cast", {t1}, y, attribute);
+  record_gated(y, {{t1, LazyLabel::literal("Cast")}}, false, [&] {
+    nb::set attribute;
+    attribute.add(nb::str("dtype"));
+    attribute.add(nb::int_(int(data_of(y).dtype())));
+    return make_record(id_text(t1) + "cast_to_" + id_text(y), "Cast", {t1}, y, attribute);
+  });
 }
+
+namespace {
+
+// The records of the graph below end_node, in walk order, keyed by opid; a
+// record is read from each tensor's `name`, as the exporter leaves it there.
+nb::object get_opinfo(nb::handle end_node) {
+  static nb::object ordered_dict = nb::module_::import_("collections").attr("OrderedDict");
+  nb::object records = ordered_dict();
+  TopoSort<CppParents> order(nb::borrow(end_node), &get_prev);
+  for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
+    nb::handle opinfo = as_qtensor(node, "get_opinfo").name;
+    int is_record = PyObject_IsInstance(opinfo.ptr(), g_opnodesinfo);
+    if (is_record < 0) throw nb::python_error();
+    if (!is_record) continue;
+    nb::object opid = opinfo.attr("opid");
+    int known = PySequence_Contains(records.ptr(), opid.ptr());
+    if (known < 0) throw nb::python_error();
+    if (!known) records[opid] = opinfo;
+  }
+  return records;
+}
+
+}  // namespace
 
 void init_export(nb::module_& m) {
   nb::module_ exporter = nb::module_::import_("pytramel.onnx.export");
   g_opnodesinfo = nb::object(exporter.attr("OPNodesInfo")).release().ptr();  // held for the process
   m.attr("OPNodesInfo") = nb::handle(g_opnodesinfo);
   m.attr("get_onnx_convert_config") = exporter.attr("get_onnx_convert_config");
+  m.def("get_opinfo", &get_opinfo, nb::arg("end_node").none());
 }
 
 }  // namespace tramel::tensor

@@ -15,12 +15,42 @@ std::string id_text(nb::handle o);
 nb::object make_record(const std::string& opid, const char* opname, std::initializer_list<nb::handle> inputs,
                        nb::handle output, nb::handle attribute);
 
-// Whether gated recording (forms B and C, and construction) is on.
-bool gated_recording_on();
+// The two configuration tests, read from engine flags.
+bool save_constant_on();
+bool save_opinfo_on();
+
+// One link node: an edge with df None to an input, with its label.
+struct Link {
+  nb::handle tensor;
+  LazyLabel label;
+};
+
+void append_links(QTensor& y, std::initializer_list<Link> links);
+void replace_links(QTensor& y, std::initializer_list<Link> links);
+
+// Form A, always linked: the links go on every call; the record (built by
+// make_record_fn() only when wanted) unless save_opinfo is the object False.
+template <typename MakeRecord>
+void record_always_linked(nb::handle y, std::initializer_list<Link> links, MakeRecord&& make_record_fn) {
+  QTensor& out = as_qtensor(y, "export");
+  append_links(out, links);
+  if (save_opinfo_on()) out.oplinkinfo = make_record_fn();
+}
+
+// Forms B (links replaced) and C (links appended): nothing unless
+// save_constant is the object True and save_opinfo is not the object False.
+template <typename MakeRecord>
+void record_gated(nb::handle y, std::initializer_list<Link> links, bool append, MakeRecord&& make_record_fn) {
+  if (!save_constant_on() || !save_opinfo_on()) return;
+  QTensor& out = as_qtensor(y, "export");
+  if (append) append_links(out, links);
+  else replace_links(out, links);
+  out.oplinkinfo = make_record_fn();
+}
 
 // The "Constant" record of a new tensor, when save_constant is on.
 void record_constant(nb::handle y, QTensor& fields);
-// The "Cast" record of astype (form B).
+// The "Cast" record of astype.
 void record_cast(nb::handle t1, nb::handle y);
 
 }  // namespace tramel::tensor

@@ -1,0 +1,114 @@
+// Fills, whole-tensor queries and the read-only views of a tensor.
+#include "bindings/interop.h"
+#include "tensor/qtensor.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+Tensor& data_of(QTensor& q, const char* op) { return core_of(q, op); }
+
+nb::object arg_extremum(nb::handle self, nb::handle dim, nb::handle keepdims, bool max) {
+  const char* op = max ? "argmax" : "argmin";
+  const Tensor& data = core_of(as_qtensor(self, op), op);
+  if (dim.is_none() && keepdims.is_none()) return to_tensor(wrap_core(max ? argmax(data) : argmin(data)));
+  if (dim.is_none() || keepdims.is_none())
+    throw nb::value_error(max ? "Not valid parameters, use argmax() or argmax(axis,keepdims)."
+                              : "Not valid parameters, use argmin() or argmin(axis,keepdims).");
+  std::vector<int64_t> axes;
+  if (PyLong_Check(dim.ptr())) {
+    axes.push_back(py::int_arg(dim, op, "axis"));
+  } else {
+    for (nb::handle a : dim) axes.push_back(py::int_arg(a, op, "axis"));
+  }
+  bool keep = truthy(keepdims);
+  return to_tensor(wrap_core(max ? argmax(data, axes, keep) : argmin(data, axes, keep)));
+}
+
+int64_t numel(const QTensor& q) {
+  int64_t n = 1;
+  for (int64_t d : core_of(q, "numel").shape()) n *= d;
+  return n;
+}
+
+bool is_nonzero(nb::handle t) {
+  QTensor& q = as_qtensor(t, "is_nonzero");
+  if (numel(q) != 1) {
+    PyErr_SetNone(PyExc_AssertionError);
+    throw nb::python_error();
+  }
+  return tramel::is_nonzero(core_of(q, "is_nonzero"));
+}
+
+nb::list shape_list(const Tensor& t) {
+  nb::list out;
+  for (int64_t d : t.shape()) out.append(d);
+  return out;
+}
+
+nb::object repr(const QTensor& q) {
+  static nb::object numpy = nb::module_::import_("numpy");
+  static nb::object set_printoptions = numpy.attr("set_printoptions");
+  static nb::object array2string = numpy.attr("array2string");
+  nb::dict options;
+  options["suppress"] = true;
+  options["precision"] = 7;
+  set_printoptions(**options);
+  nb::object data = host_copy(core_of(q, "__repr__"), "__repr__");
+  return array2string(data, nb::none(), nb::none(), nb::none(), " ", "");
+}
+
+}  // namespace
+
+void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
+  // Fills, in place; requires_grad, nodes and grad stay as they are.
+  cls.def("fill_", [](QTensor& q, nb::handle v) { fill_(data_of(q, "fill_"), py::scalar_arg(v, "fill_")); },
+          nb::arg("v").none());
+  cls.def("fill_rand_uniform_with_bound_",
+          [](QTensor& q, double lo, double hi) { fill_uniform_(data_of(q, "fill_rand_uniform_withbound_"), lo, hi); },
+          nb::arg("min_value"), nb::arg("max_value"));
+  cls.def("fill_rand_uniform_", [](QTensor& q, double v) { fill_uniform_(data_of(q, "fill_rand_uniform_"), 0.0, v); },
+          nb::arg("v") = 1);
+  cls.def("fill_rand_signed_uniform_",
+          [](QTensor& q, double v) { fill_uniform_(data_of(q, "fill_rand_signed_uniform_"), -v, v); }, nb::arg("v") = 1);
+  cls.def("fill_rand_normal_",
+          [](QTensor& q, double mean, double s, bool fast) { fill_normal_(data_of(q, "fill_rand_normal_"), mean, s, fast); },
+          nb::arg("m") = 0, nb::arg("s") = 1, nb::arg("fast_math") = true);
+  cls.def("fill_rand_binary_", [](QTensor& q, double v) { fill_binary_(data_of(q, "fill_rand_binary_"), v); },
+          nb::arg("v") = 0.5);
+
+  // Reductions to a value or an index; no graph.
+  cls.def("argmax", [](nb::handle self, nb::handle dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, true); },
+          nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
+  cls.def("argmin", [](nb::handle self, nb::handle dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, false); },
+          nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
+  cls.def("all", [](QTensor& q) { return all(data_of(q, "all")); });
+  cls.def("any", [](QTensor& q) { return any(data_of(q, "any")); });
+  cls.def("l2_norm", [](QTensor& q) { return to_tensor(nb::float_(l2_norm(data_of(q, "l2_norm")))); });
+  cls.def("__bool__", &is_nonzero);
+  m.def("is_nonzero", &is_nonzero, nb::arg("t").none());
+
+  // Views of the description and contents.
+  cls.def_prop_ro("dtype", [](const QTensor& q) { return int(core_of(q, "dtype").dtype()); });
+  cls.def_prop_ro("dtype_str", [](const QTensor& q) { return dtype_name(core_of(q, "dtype_str").dtype()); });
+  cls.def_prop_ro("ndim", [](const QTensor& q) { return core_of(q, "ndim").ndim(); });
+  cls.def("dim", [](const QTensor& q) { return core_of(q, "dim").ndim(); });
+  cls.def_prop_ro("shape", [](const QTensor& q) { return shape_list(core_of(q, "shape")); });
+  cls.def_prop_ro("size", &numel);
+  cls.def("numel", &numel);
+  cls.def_prop_ro("pdata", [](const QTensor& q) { return host_copy(core_of(q, "pdata"), "to_numpy"); });
+  cls.def_prop_ro("print_prev_node", [](QTensor& q) -> nb::object {
+    if (!q.nodes.is_valid() || PyObject_Length(q.nodes.ptr()) == 0) return nb::str("");
+    nb::object first = q.nodes[0];
+    return graphnode_name(as_graphnode(first, "print_prev_node"));
+  });
+  cls.def("info", [](QTensor& q) { nb::print(core_of(q, "info").describe().c_str()); });
+  cls.def("item", [](const QTensor& q) {
+    const Tensor& data = core_of(q, "item");
+    if (data.numel() != 1) throw std::runtime_error("Cannot call item() on QTensor has more than one element!");
+    return host_copy(data, "item").attr("item")();
+  });
+  cls.def("__repr__", &repr);
+}
+
+}  // namespace tramel::tensor
