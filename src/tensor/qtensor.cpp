@@ -340,6 +340,10 @@ nb::object& materialized(nb::object& list_field) {
   return list_field;
 }
 
+nb::handle imported(const char* module, const char* name) {
+  return nb::object(nb::module_::import_(module).attr(name)).release();
+}
+
 std::string py_text(nb::handle o) {
   nb::object text = nb::steal(PyObject_Str(o.ptr()));
   if (!text) throw nb::python_error();
@@ -456,10 +460,8 @@ void zero_grad(nb::handle self) {
 }
 
 nb::class_<QTensor> init_qtensor(nb::module_& m) {
-  nb::module_ numpy = nb::module_::import_("numpy");
-  // Held for the life of the process.
-  g_ndarray = nb::object(numpy.attr("ndarray")).release().ptr();
-  g_np_array = nb::object(numpy.attr("array")).release().ptr();
+  g_ndarray = imported("numpy", "ndarray").ptr();
+  g_np_array = imported("numpy", "array").ptr();
   g_core_tensor = (PyTypeObject*)nb::type<Tensor>().ptr();
 
   nb::class_<QTensor> cls(m, "QTensor", nb::is_weak_referenceable(), nb::type_slots(qtensor_slots),

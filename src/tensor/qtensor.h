@@ -118,6 +118,10 @@ nb::object& graphnode_name(GraphNode& node);
 // The list in a lazily made list field; see Note [lazy empty lists].
 nb::object& materialized(nb::object& list_field);
 
+// module.name, imported once and held for the life of the process (a handle
+// kept in a function-local static: nothing to release at interpreter exit).
+nb::handle imported(const char* module, const char* name);
+
 // str(o) of a Python object.
 std::string py_text(nb::handle o);
 

@@ -26,7 +26,7 @@ nb::object placed_copy(nb::handle self, int device, bool from_gpu_call, const ch
                                         from_gpu_call ? dtype : nb::none());
   if (truthy(s.requires_grad)) {
     if (from_gpu_call && has_edges(s)) {
-      static nb::object warn = nb::module_::import_("warnings").attr("warn");
+      static nb::handle warn = imported("warnings", "warn");
       warn("new Tensor will not keep current GraphNode");
     }
     if (!s.grad.is_none()) {

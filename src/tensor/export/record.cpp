@@ -1,5 +1,7 @@
 #include "tensor/export/record.h"
 
+#include <chrono>
+
 #include "bindings/interop.h"
 #include "tensor/autograd/toposort.h"
 
@@ -92,7 +94,8 @@ void record_constant(nb::handle y, QTensor& fields) {
 }
 
 void record_cast(nb::handle t1, nb::handle y) {
-  record_gated(y, {{t1, LazyLabel::literal("Cast")}}, false, [&] {
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t1, LazyLabel::literal("Cast")}});
     nb::set attribute;
     attribute.add(nb::str("dtype"));
     attribute.add(nb::int_(int(data_of(y).dtype())));
@@ -105,7 +108,7 @@ namespace {
 // The records of the graph below end_node, in walk order, keyed by opid; a
 // record is read from each tensor's `name`, as the exporter leaves it there.
 nb::object get_opinfo(nb::handle end_node) {
-  static nb::object ordered_dict = nb::module_::import_("collections").attr("OrderedDict");
+  static nb::handle ordered_dict = imported("collections", "OrderedDict");
   nb::object records = ordered_dict();
   TopoSort<CppParents> order(nb::borrow(end_node), &get_prev);
   for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
@@ -125,10 +128,18 @@ nb::object get_opinfo(nb::handle end_node) {
 
 void init_export(nb::module_& m) {
   nb::module_ exporter = nb::module_::import_("pytramel.onnx.export");
-  g_opnodesinfo = nb::object(exporter.attr("OPNodesInfo")).release().ptr();  // held for the process
+  g_opnodesinfo = imported("pytramel.onnx.export", "OPNodesInfo").ptr();
   m.attr("OPNodesInfo") = nb::handle(g_opnodesinfo);
   m.attr("get_onnx_convert_config") = exporter.attr("get_onnx_convert_config");
   m.def("get_opinfo", &get_opinfo, nb::arg("end_node").none());
+  // Benchmark probe: nanoseconds per gated recording step of `y` under the
+  // current settings, averaged over `calls` (benchmarks/bench_host.py).
+  m.def("_recording_step_ns", [](nb::handle y, int64_t calls) {
+    auto start = std::chrono::steady_clock::now();
+    for (int64_t i = 0; i < calls; ++i) record_cast(y, y);
+    std::chrono::duration<double, std::nano> spent = std::chrono::steady_clock::now() - start;
+    return spent.count() / double(calls > 0 ? calls : 1);
+  }, nb::arg("y"), nb::arg("calls"));
 }
 
 }  // namespace tramel::tensor

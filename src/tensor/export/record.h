@@ -37,15 +37,15 @@ void record_always_linked(nb::handle y, std::initializer_list<Link> links, MakeR
   if (save_opinfo_on()) out.oplinkinfo = make_record_fn();
 }
 
-// Forms B (links replaced) and C (links appended): nothing unless
-// save_constant is the object True and save_opinfo is not the object False.
-template <typename MakeRecord>
-void record_gated(nb::handle y, std::initializer_list<Link> links, bool append, MakeRecord&& make_record_fn) {
+// Forms B and C: nothing unless save_constant is the object True and
+// save_opinfo is not the object False. Then write(y) sets the links (form B:
+// replace_links, form C: append_links) and returns the record. Everything
+// past the two flag tests lives in `write`, so an operator pays only the tests.
+template <typename Write>
+void record_gated(nb::handle y, Write&& write) {
   if (!save_constant_on() || !save_opinfo_on()) return;
   QTensor& out = as_qtensor(y, "export");
-  if (append) append_links(out, links);
-  else replace_links(out, links);
-  out.oplinkinfo = make_record_fn();
+  out.oplinkinfo = write(out);
 }
 
 // The "Constant" record of a new tensor, when save_constant is on.

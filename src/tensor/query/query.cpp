@@ -47,9 +47,8 @@ nb::list shape_list(const Tensor& t) {
 }
 
 nb::object repr(const QTensor& q) {
-  static nb::object numpy = nb::module_::import_("numpy");
-  static nb::object set_printoptions = numpy.attr("set_printoptions");
-  static nb::object array2string = numpy.attr("array2string");
+  static nb::handle set_printoptions = imported("numpy", "set_printoptions");
+  static nb::handle array2string = imported("numpy", "array2string");
   nb::dict options;
   options["suppress"] = true;
   options["precision"] = 7;
