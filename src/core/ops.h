@@ -41,8 +41,85 @@ void fill_binary_(Tensor& t, double threshold);
 Tensor randu(const Shape& shape, double low, double high, int device, DType dtype);
 Tensor randn(const Shape& shape, double mean, double stddev, int device, DType dtype);
 
-// ---- element-wise (kernels/elementwise.cpp) ----
-void add_(Tensor& t, const Tensor& other);
+// ---- element-wise (kernels/elementwise.cpp, kernels/unary.cpp) ----
+// Operands of one shape (the tensor layer broadcasts first) and one device.
+// Mixed dtypes promote (see promote()); a host number is "weak": it takes the
+// tensor's dtype unless it belongs to a higher category (an int tensor times
+// 1.5 gives the default float dtype, a float32 tensor times 1j complex64).
+enum class BinaryOp { Add, Sub, Mul, Div, Pow, Maximum, Minimum };
+Tensor binary(BinaryOp op, const Tensor& a, const Tensor& b);
+Tensor binary(BinaryOp op, const Tensor& a, const Scalar& b);
+// In place on a, keeping a's dtype.
+void binary_(BinaryOp op, Tensor& a, const Tensor& b);
+void binary_(BinaryOp op, Tensor& a, const Scalar& b);
+inline void add_(Tensor& t, const Tensor& other) { binary_(BinaryOp::Add, t, other); }
+// The sum of all tensors (one shape, dtype and device), as a new tensor.
+Tensor add_tensor_list(const std::vector<const Tensor*>& tensors);
+
+enum class UnaryOp {
+  Neg, Abs, Square, Sqrt, Exp, Log, Sin, Cos, Tan, Asin, Acos, Atan, Sinh, Cosh, Tanh,
+  Sign, Conj, Floor, Ceil, Round, Reciprocal,
+};
+// abs of a complex tensor gives its real magnitude dtype; sign of a complex
+// element is z/|z| (0 at 0); round is half to even; floor/ceil/round of an
+// integer tensor return it unchanged (a copy).
+Tensor unary(UnaryOp op, const Tensor& x);
+
+// Comparisons and logic give kbool tensors; nonzero counts as true.
+enum class CompareOp { Equal, NotEqual, Greater, GreaterEqual, Less, LessEqual, And, Or, Xor };
+Tensor compare(CompareOp op, const Tensor& a, const Tensor& b);
+Tensor compare(CompareOp op, const Tensor& a, const Scalar& b);
+Tensor logical_not(const Tensor& x);
+enum class ClassifyOp { IsFinite, IsInf, IsNan, IsNegInf, IsPosInf };
+Tensor classify(ClassifyOp op, const Tensor& x);
+
+Tensor clamp(const Tensor& x, double low, double high);
+// g where low <= x <= high, else 0.
+Tensor clamp_grad(const Tensor& x, const Tensor& g, double low, double high);
+
+// Gradient kernels. Note [conjugate convention]: for a real loss L the
+// gradient of a complex z is dL/dRe(z) + i dL/dIm(z), so every kernel
+// multiplies the incoming gradient by the conjugate of the local derivative.
+// For real dtypes they are the plain derivatives.
+Tensor mult_grad(const Tensor& g, const Tensor& other);                         // g * conj(other)
+Tensor div_dxgrad(const Tensor& g, const Tensor& denominator);                  // g / conj(den)
+Tensor div_dygrad(const Tensor& g, const Tensor& quotient, const Tensor& den);  // -g * conj(q / den)
+Tensor power_grad_of_base(const Tensor& g, const Tensor& x, const Tensor& y);   // g * conj(y x^(y-1))
+Tensor power_grad_of_exp(const Tensor& g, const Tensor& x, const Tensor& y, const Tensor& out);  // g * conj(out ln x)
+Tensor exp_grad(const Tensor& g, const Tensor& y);     // g * conj(y)
+Tensor log_grad(const Tensor& g, const Tensor& x);     // g / conj(x)
+Tensor square_grad(const Tensor& g, const Tensor& x);  // 2 g conj(x)
+Tensor tanh_grad(const Tensor& g, const Tensor& y);    // g * conj(1 - y^2)
+Tensor asin_grad(const Tensor& g, const Tensor& x);    // g * conj(1 / sqrt(1 - x^2))
+Tensor acos_grad(const Tensor& g, const Tensor& x);    // -g * conj(1 / sqrt(1 - x^2))
+Tensor atan_grad(const Tensor& g, const Tensor& x);    // g * conj(1 / (1 + x^2))
+Tensor sqrt_grad(const Tensor& y, const Tensor& g);    // g / conj(2 y)
+Tensor tan_grad(const Tensor& y, const Tensor& g);     // g * conj(1 + y^2)
+
+// Along one wrapped axis; floating dtypes.
+Tensor log_softmax(const Tensor& x, int64_t axis);
+Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis);
+
+// ---- reductions (kernels/reduce.cpp) ----
+// Without axes: a one-element tensor of shape [1]. Axes may be negative; a
+// repeated or out-of-range axis raises. Integer and bool sums give int64.
+Tensor sum(const Tensor& t);
+Tensor sum(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
+Tensor mean(const Tensor& t);
+Tensor mean(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
+// A tensor of `shape` with every element g (one element) / numel(shape).
+Tensor mean_all_grad(const Tensor& g, const Shape& shape);
+
+// ---- shape (kernels/shape.cpp) ----
+// Same elements, new shape (storage shared); a wrong element count raises.
+Tensor reshape(const Tensor& t, const Shape& shape);
+// The common shape of a and b by numpy's rule; raises naming both shapes.
+Shape broadcast_shape(const Shape& a, const Shape& b, const char* op);
+// t expanded (copied) to `shape`.
+Tensor broadcast_to(const Tensor& t, const Shape& shape);
+Tensor tile(const Tensor& t, const std::vector<int64_t>& reps);
+// The gradient of tile: x summed over the repeats `reps` of a source of `shape`.
+Tensor tile_grad(const Tensor& x, const Shape& shape, const std::vector<int64_t>& reps);
 
 // ---- whole-tensor queries and arg-reductions (kernels/reduce.cpp) ----
 bool all(const Tensor& t);

@@ -1,0 +1,239 @@
+"""Data out to numpy, copies of a tensor, and device placement."""
+import numpy as np
+import pytest
+
+from pytramel import dtype as D
+from pytramel.tensor import tensor as tt
+from conftest import DTYPE_IDS, DTYPES, GPU0, GPU1, host, sample
+
+QTensor = tt.QTensor
+Node = QTensor.GraphNode
+
+NUMPY_MSG = ("to_numpy can only use on CPU Tensor.Please use toCPU() to move data to CPU, "
+             "or use CPU() to copy data to CPU.")
+GPU_MSG = "device should be DEV_GPU_0,DEV_GPU_1,... for GPU"
+TO_GPU_MSG = "device should be DEV_GPU,DEV_GPU_1,... for GPU"
+WARN_MSG = "new Tensor will not keep current GraphNode"
+
+
+def val(t):
+    return host(t.data)
+
+
+def derived(parent, values, name="edge", **kw):
+    return QTensor(values, requires_grad=True, nodes=[Node(parent, lambda g: g, name)], **kw)
+
+
+# ----------------------------------------------------------------- host arrays
+
+@pytest.mark.parametrize("device", [0, GPU0])
+@pytest.mark.parametrize("dt,nptype", DTYPES, ids=DTYPE_IDS)
+def test_host_copies(dt, nptype, device):
+    expected = sample((2, 3), nptype)
+    t = QTensor(expected, device=device)
+    readers = [t.to_numpy, lambda: QTensor._to_numpy(t), t.getdata]
+    if device == 0:
+        readers.append(t.numpy)
+    for read in readers:
+        a = read()
+        assert isinstance(a, np.ndarray) and a.dtype == nptype
+        np.testing.assert_array_equal(a, expected)
+        a[...] = 0  # a copy, never a view of the tensor
+    np.testing.assert_array_equal(val(t), expected)
+    assert (t.device, t.data.device) == (device, device)
+
+
+@pytest.mark.parametrize("device", [GPU0, GPU1])
+def test_numpy_refuses_accelerator_tensors(device):
+    with pytest.raises(RuntimeError) as info:
+        QTensor([1.0], device=device).numpy()
+    assert str(info.value) == NUMPY_MSG
+
+
+def test_module_constants():
+    assert tt.numeric_types == (float, int, np.generic)
+    assert tt.slice_none_Placeholder == 2147483646
+
+
+# ----------------------------------------------------------------- copies and clones
+
+@pytest.mark.parametrize("device", [0, GPU0])
+def test_copy_is_cut_off_from_the_graph(device):
+    p = QTensor([1.0, 2.0], requires_grad=True, device=device)
+    y = derived(p, [3.0, 4.0], device=device, dtype=D.kfloat64)
+    c = y.copy()
+    assert (c.requires_grad, c.nodes, c.grad, c.device, c.data.device, c.dtype) == (
+        False, [], None, device, device, D.kfloat64)
+    c.fill_(0)
+    np.testing.assert_array_equal(val(y), [3.0, 4.0])
+
+
+@pytest.mark.parametrize("device", [0, GPU0])
+def test_clone_is_a_second_result_of_the_same_operation(device):
+    p = QTensor([1.0, 2.0], requires_grad=True, device=device)
+    q = QTensor([5.0, 6.0], requires_grad=True, device=device)
+    y = QTensor([3.0, 4.0], requires_grad=True, device=device,
+                nodes=[Node(p, lambda g: g, "to p"), Node(q, lambda g: g.astype(D.kfloat32), "to q")])
+    y.grad = QTensor([9.0, 9.0])
+    c = y.clone()
+    assert (c.requires_grad, c.device, c.grad, c.link_nodes) == (True, device, None, [])
+    assert all(a is not b for a, b in zip(c.nodes, y.nodes))
+    assert [(n.tensor, n.df, n.name) for n in c.nodes] == [(n.tensor, n.df, n.name) for n in y.nodes]
+    c.fill_(2.0)
+    np.testing.assert_array_equal(val(y), [3.0, 4.0])
+    c.backward()
+    np.testing.assert_array_equal(val(p.grad), [1.0, 1.0])
+    np.testing.assert_array_equal(val(q.grad), [1.0, 1.0])
+    np.testing.assert_array_equal(val(y.grad), [9.0, 9.0])  # self receives nothing
+
+
+def test_clone_of_a_leaf_or_of_a_detached_result():
+    p = QTensor([1.0], requires_grad=True)
+    leaf_clone = p.clone()
+    assert (leaf_clone.requires_grad, leaf_clone.nodes) == (True, [])
+    leaf_clone.backward()
+    assert p.grad is None
+    off = derived(p, [2.0])
+    off.requires_grad = False
+    assert (off.clone().requires_grad, off.clone().nodes) == (False, [])
+
+
+@pytest.mark.parametrize("src_dtype", [D.kfloat64, D.kint32, D.kfloat32])
+def test_copy_value_from_converts_the_source(src_dtype):
+    a = QTensor(np.zeros(3, np.float32))
+    b = QTensor([1, 2, 3], dtype=src_dtype)
+    a.copy_value_from(b)
+    np.testing.assert_array_equal(val(a), [1, 2, 3])
+    assert a.dtype == D.kfloat32 and b.dtype == D.kfloat32
+    np.testing.assert_array_equal(val(b), [1, 2, 3])
+
+
+@pytest.mark.parametrize("device", [0, GPU0])
+def test_copy_c_data_from(device):
+    a = QTensor(np.zeros((2, 2)), device=device)
+    b = QTensor(np.arange(4.0).reshape(2, 2), device=device)
+    assert a._copy_c_data_from(b) is None
+    np.testing.assert_array_equal(val(a), [[0, 1], [2, 3]])
+
+
+@pytest.mark.parametrize("dt,nptype", DTYPES, ids=DTYPE_IDS)
+def test_is_bool(dt, nptype):
+    assert QTensor(sample((2,), nptype)).is_bool is (dt == D.kbool)
+
+
+# ----------------------------------------------------------------- core helpers, float2complex
+
+@pytest.mark.parametrize("device", [0, GPU0])
+def test_core_helpers(device):
+    c = tt.CoreTensor(np.array([1.5, -2.5], np.float32), device, -1)
+    cast = tt.helper_function_to_cast_core_tensor_dtype
+    assert cast(c, D.kfloat32) is c
+    own = cast(c, D.kfloat32, True)
+    assert own is not c and (own.dtype, own.device) == (D.kfloat32, device)
+    wide = cast(c, D.kfloat64)
+    assert (wide.dtype, wide.device, c.dtype) == (D.kfloat64, device, D.kfloat32)
+    np.testing.assert_array_equal(host(wide), [1.5, -2.5])
+    dup = tt.helper_function_copy_c_tensor(c)
+    assert dup is not c and (dup.shape, dup.device, dup.dtype) == ([2], device, D.kfloat32)
+    c.fill_(0)
+    np.testing.assert_array_equal(host(dup), [1.5, -2.5])
+
+
+@pytest.mark.parametrize("src,dst", [(D.kfloat32, D.kcomplex64), (D.kfloat64, D.kcomplex128),
+                                     (D.kcomplex64, None), (D.kcomplex128, None)])
+def test_float2complex(src, dst):
+    t = QTensor([1.5, -2.0], requires_grad=True, dtype=src)
+    r = tt.float2complex(t)
+    if dst is None:
+        assert r is t
+        return
+    assert r is not t and (r.dtype, r.requires_grad, len(r.nodes)) == (dst, True, 1)
+    np.testing.assert_array_equal(val(r), [1.5, -2.0])
+
+
+@pytest.mark.parametrize("dt", [D.kbool, D.kuint8, D.kint8, D.kint16, D.kint32, D.kint64])
+def test_float2complex_refuses(dt):
+    with pytest.raises(ValueError) as info:
+        tt.float2complex(QTensor([1], dtype=dt))
+    assert str(info.value) == "data type of complex or float is supported"
+
+
+# ----------------------------------------------------------------- device placement
+
+@pytest.mark.parametrize("src,call,dst", [
+    (0, lambda t: t.GPU(), GPU0), (0, lambda t: t.gpu(GPU1), GPU1), (GPU0, lambda t: t.GPU(GPU1), GPU1),
+    (0, lambda t: t.to_device(GPU0), GPU0), (GPU0, lambda t: t.CPU(), 0), (GPU1, lambda t: t.cpu(), 0),
+    (GPU0, lambda t: t.to_device(0), 0), (0, lambda t: t.to_device(0), 0), (0, lambda t: t.CPU(), 0)])
+@pytest.mark.parametrize("state", ["plain", "leaf", "leaf+grad", "result", "result+grad"])
+def test_placed_copies(src, call, dst, state, recwarn):
+    p = QTensor([0.0], requires_grad=True, device=src)
+    values = np.array([[1 + 2j, -3j]], np.complex64)
+    t = (derived(p, values, device=src) if state.startswith("result")
+         else QTensor(values, requires_grad=state != "plain", device=src))
+    if state.endswith("grad"):
+        t.zero_grad()
+        t.grad.fill_(4.0)
+    r = call(t)
+    assert r is not t and (r.device, r.data.device, r.dtype, r.nodes) == (dst, dst, D.kcomplex64, [])
+    np.testing.assert_array_equal(val(r), values)
+    assert (t.device, t.data.device) == (src, src)
+    if state.endswith("grad"):
+        assert r.requires_grad is True
+        assert (r.grad.device, r.grad.data.device, r.grad.dtype) == (dst, dst, D.kcomplex64)
+        np.testing.assert_array_equal(val(r.grad), np.full((1, 2), 4.0))
+    else:
+        assert (r.requires_grad, r.grad) == (False, None)
+    warned = state.startswith("result") and dst != 0
+    assert [(w.category, str(w.message)) for w in recwarn] == [(UserWarning, WARN_MSG)] * warned
+
+
+def test_gpu_warning_is_not_an_error():
+    y = derived(QTensor([0.0], requires_grad=True), [1.0])
+    with pytest.warns(UserWarning, match=WARN_MSG):
+        r = y.gpu()
+    assert r.isGPU()
+
+
+@pytest.mark.parametrize("call,msg", [
+    (lambda t: t.GPU(0), GPU_MSG), (lambda t: t.gpu(999), GPU_MSG), (lambda t: t.GPU(-1), GPU_MSG),
+    (lambda t: t.toGPU(0), TO_GPU_MSG), (lambda t: t.to_gpu(999), TO_GPU_MSG)])
+def test_refused_accelerator_numbers(call, msg):
+    t = QTensor([1.0])
+    with pytest.raises(ValueError) as info:
+        call(t)
+    assert str(info.value) == msg
+    assert (t.device, t.data.device) == (0, 0)
+
+
+@pytest.mark.parametrize("device", [-1, 5, 999])
+def test_to_device_of_an_unknown_number(device):
+    assert QTensor([1.0]).to_device(device) is None
+
+
+@pytest.mark.parametrize("to_gpu,to_cpu", [(lambda t: t.toGPU(), lambda t: t.toCPU()),
+                                          (lambda t: t.to_gpu(GPU1), lambda t: t.to_cpu())])
+def test_moves_in_place(to_gpu, to_cpu):
+    p = QTensor([1.0, 2.0], requires_grad=True)
+    p.zero_grad()
+    p.grad.fill_(3.0)
+    y = derived(p, [1.0, 2.0])
+    nodes, edge, grad = y.nodes, y.nodes[0], p.grad
+    assert p.isCPU() and p.is_cpu() and not p.isGPU() and not p.is_gpu()
+    assert to_gpu(p) is p and to_gpu(y) is y
+    assert p.device >= GPU0 and p.data.device == p.device and p.grad.data.device == p.device
+    assert p.isGPU() is True and p.is_gpu() is True and p.isCPU() is False and p.is_cpu() is False
+    assert y.nodes is nodes and y.nodes[0] is edge and edge.tensor is p and edge.device == 0
+    assert p.grad is grad and grad.device == 0  # the grad object's own field stays behind
+    np.testing.assert_array_equal(val(p), [1.0, 2.0])
+    np.testing.assert_array_equal(val(p.grad), [3.0, 3.0])
+    assert to_cpu(p) is p
+    assert (p.device, p.data.device, p.grad.data.device, p.isCPU()) == (0, 0, 0, True)
+
+
+def test_grad_moves_only_with_requires_grad():
+    t = QTensor([1.0], requires_grad=True)
+    t.zero_grad()
+    t.requires_grad = False
+    t.toGPU(GPU0)
+    assert (t.data.device, t.grad.data.device) == (GPU0, 0)
+    assert t.CPU().grad is None
