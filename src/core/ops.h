@@ -52,7 +52,7 @@ Tensor binary(BinaryOp op, const Tensor& a, const Scalar& b);
 // In place on a, keeping a's dtype.
 void binary_(BinaryOp op, Tensor& a, const Tensor& b);
 void binary_(BinaryOp op, Tensor& a, const Scalar& b);
-inline void add_(Tensor& t, const Tensor& other) { binary_(BinaryOp::Add, t, other); }
+void add_(Tensor& t, const Tensor& other);  // binary_(Add, ...) for the backward walk
 // The sum of all tensors (one shape, dtype and device), as a new tensor.
 Tensor add_tensor_list(const std::vector<const Tensor*>& tensors);
 
