@@ -45,9 +45,16 @@ int clear_fields(PyObject* self, std::initializer_list<nb::object T::*> members)
 #define GRAPHNODE_FIELDS {&GraphNode::tensor, &GraphNode::name, &GraphNode::df, &GraphNode::device}
 
 int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
-  return traverse_fields<QTensor>(self, visit, arg, nb::inst_ptr<QTensor>(self), QTENSOR_FIELDS);
+  int r = traverse_fields<QTensor>(self, visit, arg, nb::inst_ptr<QTensor>(self), QTENSOR_FIELDS);
+  if (r || !nb::inst_ready(self)) return r;
+  if (const PendingLinks* pending = nb::inst_ptr<QTensor>(self)->pending_links.get())
+    for (int i = 0; i < pending->count; ++i) Py_VISIT(pending->inputs[i].ptr());
+  return 0;
 }
-int qtensor_clear(PyObject* self) { return clear_fields<QTensor>(self, QTENSOR_FIELDS); }
+int qtensor_clear(PyObject* self) {
+  if (nb::inst_ready(self)) nb::inst_ptr<QTensor>(self)->pending_links.reset();
+  return clear_fields<QTensor>(self, QTENSOR_FIELDS);
+}
 int graphnode_traverse(PyObject* self, visitproc visit, void* arg) {
   return traverse_fields<GraphNode>(self, visit, arg, nb::inst_ptr<GraphNode>(self), GRAPHNODE_FIELDS);
 }
@@ -344,6 +351,16 @@ nb::handle imported(const char* module, const char* name) {
   return nb::object(nb::module_::import_(module).attr(name)).release();
 }
 
+nb::object& link_nodes_of(QTensor& q) {
+  nb::object& list = materialized(q.link_nodes);
+  if (std::unique_ptr<PendingLinks> pending = std::move(q.pending_links)) {
+    for (int i = 0; i < pending->count; ++i)
+      if (PyList_Append(list.ptr(), make_graphnode(pending->inputs[i], nb::none(), pending->labels[i]).ptr()) < 0)
+        throw nb::python_error();
+  }
+  return list;
+}
+
 std::string py_text(nb::handle o) {
   nb::object text = nb::steal(PyObject_Str(o.ptr()));
   if (!text) throw nb::python_error();
@@ -376,8 +393,9 @@ nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
 
 namespace {
 nb::object new_graphnode(nb::handle tensor, nb::handle df, nb::handle name, const LazyLabel& label) {
-  nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
-  if (!device) throw nb::python_error();
+  nb::object device = is_qtensor(tensor) ? as_qtensor(tensor, "GraphNode").device
+                                         : nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
+  if (!device.is_valid()) throw nb::python_error();
   nb::object obj = nb::inst_alloc(g_graphnode);
   new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, label};
   nb::inst_mark_ready(obj);
@@ -398,36 +416,58 @@ nb::object& graphnode_name(GraphNode& node) {
   return node.name;
 }
 
-LazyLabel LazyLabel::literal(const char* text) {
-  LazyLabel l;
-  l.text[0] = text;
-  return l;
+LazyLabel& LazyLabel::shape(const Shape& s) {
+  append_value(Kind::Shape, s.begin(), s.rank());
+  return *this;
 }
 
-LazyLabel LazyLabel::with_shape(const char* before, const Shape& shape, const char* after) {
-  LazyLabel l;
-  l.text[0] = before;
-  l.shapes[0] = shape;
-  l.text[1] = after;
-  l.nshapes = 1;
-  return l;
+LazyLabel& LazyLabel::id(nb::handle o) {
+  int64_t value = int64_t(uintptr_t(o.ptr()));
+  append_value(Kind::Id, &value, 1);
+  return *this;
 }
 
-LazyLabel LazyLabel::with_shapes(const char* before, const Shape& a, const char* middle, const Shape& b,
-                                 const char* after) {
-  LazyLabel l;
-  l.text[0] = before;
-  l.shapes[0] = a;
-  l.text[1] = middle;
-  l.shapes[1] = b;
-  l.text[2] = after;
-  l.nshapes = 2;
-  return l;
+LazyLabel& LazyLabel::then(const char* text) {
+  if (eager_) formatted_ += text;
+  else text_[nvalues_] = text;
+  return *this;
+}
+
+void LazyLabel::append_value(Kind kind, const int64_t* values, int count) {
+  if (!eager_ && (nvalues_ == 2 || used_ + count > kPool)) {
+    formatted_ = str();
+    eager_ = true;
+  }
+  if (eager_) {
+    if (kind == Kind::Id) {
+      formatted_ += std::to_string(uint64_t(values[0]));
+    } else {
+      formatted_ += "[";
+      for (int i = 0; i < count; ++i) formatted_ += (i ? ", " : "") + std::to_string(values[i]);
+      formatted_ += "]";
+    }
+    return;
+  }
+  kinds_[nvalues_] = kind;
+  counts_[nvalues_] = uint8_t(count);
+  for (int i = 0; i < count; ++i) pool_[used_ + i] = values[i];
+  used_ = uint8_t(used_ + count);
+  ++nvalues_;
 }
 
 std::string LazyLabel::str() const {
-  std::string s = text[0];
-  for (int i = 0; i < nshapes; ++i) s += shapes[i].str() + text[i + 1];
+  if (eager_) return formatted_;
+  std::string s = text_[0];
+  for (int v = 0, at = 0; v < nvalues_; at += counts_[v], ++v) {
+    if (kinds_[v] == Kind::Id) {
+      s += std::to_string(uint64_t(pool_[at]));
+    } else {
+      s += "[";
+      for (int i = 0; i < counts_[v]; ++i) s += (i ? ", " : "") + std::to_string(pool_[at + i]);
+      s += "]";
+    }
+    s += text_[v + 1];
+  }
   return s;
 }
 
@@ -513,8 +553,12 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
       "nodes", [](QTensor& q) { return materialized(q.nodes); },
       [](QTensor& q, nb::handle value) { q.nodes = nb::borrow(value); }, nb::arg().none());
   cls.def_prop_rw(
-      "link_nodes", [](QTensor& q) { return materialized(q.link_nodes); },
-      [](QTensor& q, nb::handle value) { q.link_nodes = nb::borrow(value); }, nb::arg().none());
+      "link_nodes", [](QTensor& q) { return link_nodes_of(q); },
+      [](QTensor& q, nb::handle value) {
+        q.pending_links.reset();
+        q.link_nodes = nb::borrow(value);
+      },
+      nb::arg().none());
   cls.def_rw("grad", &QTensor::grad, nb::arg().none());
   cls.def_rw("device", &QTensor::device, nb::arg().none());
   cls.def_rw("oplinkinfo", &QTensor::oplinkinfo, nb::arg().none());

@@ -14,6 +14,7 @@
 #pragma once
 #include <nanobind/nanobind.h>
 
+#include <memory>
 #include <string>
 
 #include "core/ops.h"
@@ -21,6 +22,45 @@
 namespace tramel::tensor {
 
 namespace nb = nanobind;
+
+// A label made of literal texts around up to two values, each a tensor shape
+// (printed as Python prints a shape list, "[2, 3]") or an object identity (its
+// decimal id), formatted only when read. Built-in operators name their edges
+// with it, so a label that nobody reads costs no string formatting:
+//   LazyLabel("t1 grad ").shape(a).then(" add ").shape(b)
+class LazyLabel {
+ public:
+  LazyLabel() = default;
+  explicit LazyLabel(const char* text) { text_[0] = text; }
+  LazyLabel& shape(const Shape& s);
+  LazyLabel& id(nb::handle o);
+  // The text after the last value.
+  LazyLabel& then(const char* text);
+  std::string str() const;
+
+ private:
+  enum class Kind : uint8_t { Shape, Id };
+  static constexpr int kPool = 10;  // dims and ids held inline
+  void append_value(Kind kind, const int64_t* values, int count);
+
+  const char* text_[3] = {"", "", ""};
+  Kind kinds_[2] = {};
+  uint8_t counts_[2] = {};
+  uint8_t nvalues_ = 0, used_ = 0;
+  bool eager_ = false;  // the pool was too small: the label is in `formatted_`
+  int64_t pool_[kPool] = {};
+  std::string formatted_;
+};
+
+// Note [lazy link nodes]
+// Operators of the always-linked export form give every result link nodes to
+// its inputs, recording or not. They are kept here, inputs held strongly,
+// and become GraphNode objects in `link_nodes` only when someone reads it.
+struct PendingLinks {
+  nb::object inputs[2];
+  LazyLabel labels[2];
+  int count = 0;
+};
 
 struct QTensor {
   nb::object data;             // a _core.Tensor
@@ -33,22 +73,7 @@ struct QTensor {
   nb::object save_onnx_constant;
   nb::object name;
   nb::object if_normal_run_qvm;
-};
-
-// A label made of literal text and tensor shapes, formatted only when read:
-// text[0] shapes[0] text[1] shapes[1] text[2], shapes printed as Python
-// prints a shape list ("[2, 3]"). Built-in operators name their edges with it
-// so that a label nobody reads costs no string formatting.
-struct LazyLabel {
-  const char* text[3] = {"", "", ""};
-  Shape shapes[2];
-  int nshapes = 0;
-
-  static LazyLabel literal(const char* text);
-  static LazyLabel with_shape(const char* before, const Shape& shape, const char* after = "");
-  static LazyLabel with_shapes(const char* before, const Shape& a, const char* middle, const Shape& b,
-                               const char* after = "");
-  std::string str() const;
+  std::unique_ptr<PendingLinks> pending_links;  // see Note [lazy link nodes]
 };
 
 struct GraphNode {
@@ -117,6 +142,8 @@ nb::object& graphnode_name(GraphNode& node);
 
 // The list in a lazily made list field; see Note [lazy empty lists].
 nb::object& materialized(nb::object& list_field);
+// q.link_nodes with any pending links made; see Note [lazy link nodes].
+nb::object& link_nodes_of(QTensor& q);
 
 // module.name, imported once and held for the life of the process (a handle
 // kept in a function-local static: nothing to release at interpreter exit).

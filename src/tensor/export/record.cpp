@@ -37,13 +37,27 @@ bool save_constant_on() { return export_flags().save_constant_is_true; }
 bool save_opinfo_on() { return export_flags().save_opinfo_is_not_false; }
 
 void append_links(QTensor& y, std::initializer_list<Link> links) {
-  nb::object& list = materialized(y.link_nodes);
+  nb::object& list = link_nodes_of(y);
   for (const Link& link : links)
     if (PyList_Append(list.ptr(), make_graphnode(link.tensor, nb::none(), link.label).ptr()) < 0)
       throw nb::python_error();
 }
 
+void defer_links(QTensor& y, std::initializer_list<Link> links) {
+  if (y.pending_links || links.size() > 2) {
+    append_links(y, links);
+    return;
+  }
+  auto pending = std::make_unique<PendingLinks>();
+  for (const Link& link : links) {
+    pending->inputs[pending->count] = nb::borrow(link.tensor);
+    pending->labels[pending->count++] = link.label;
+  }
+  y.pending_links = std::move(pending);
+}
+
 void replace_links(QTensor& y, std::initializer_list<Link> links) {
+  y.pending_links.reset();
   y.link_nodes = nb::list();
   append_links(y, links);
 }
@@ -89,13 +103,14 @@ void record_constant(nb::handle y, QTensor& fields) {
   nb::list attribute;
   attribute.append(value);
   nb::object record = make_record(id_text(y) + "_tensor_init_", "Constant", {y}, y, attribute);
+  fields.pending_links.reset();
   fields.link_nodes = nb::object();  // a new empty list; see Note [lazy empty lists]
   fields.oplinkinfo = record;
 }
 
 void record_cast(nb::handle t1, nb::handle y) {
   record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t1, LazyLabel::literal("Cast")}});
+    replace_links(out, {{t1, LazyLabel("Cast")}});
     nb::set attribute;
     attribute.add(nb::str("dtype"));
     attribute.add(nb::int_(int(data_of(y).dtype())));

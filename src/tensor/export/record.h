@@ -27,13 +27,15 @@ struct Link {
 
 void append_links(QTensor& y, std::initializer_list<Link> links);
 void replace_links(QTensor& y, std::initializer_list<Link> links);
+// Appends links that become GraphNodes only when read; see Note [lazy link nodes].
+void defer_links(QTensor& y, std::initializer_list<Link> links);
 
 // Form A, always linked: the links go on every call; the record (built by
 // make_record_fn() only when wanted) unless save_opinfo is the object False.
 template <typename MakeRecord>
 void record_always_linked(nb::handle y, std::initializer_list<Link> links, MakeRecord&& make_record_fn) {
   QTensor& out = as_qtensor(y, "export");
-  append_links(out, links);
+  defer_links(out, links);
   if (save_opinfo_on()) out.oplinkinfo = make_record_fn();
 }
 
