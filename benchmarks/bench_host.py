@@ -1,67 +1,38 @@
-"""Timings of the way out to the host, side by side with numpy in one process.
+"""Timings of the way out to the host and of the recording step, beside numpy.
 
 Run by hand:  python benchmarks/bench_host.py [--quick]
-
-Every figure is the best of several timeit repeats, divided by the number of calls, so it is the
-cost of one call on a quiet machine.
 """
-import argparse
-import sys
-import timeit
-
 import numpy as np
 
-from pytramel.tensor.tensor import QTensor
-
-
-def best(fn, number, repeat):
-    """Seconds per call: the fastest of `repeat` runs of `number` calls."""
-    return min(timeit.repeat(fn, number=number, repeat=repeat)) / number
-
-
-def fmt(seconds):
-    for unit, scale in (("s", 1.0), ("ms", 1e-3), ("us", 1e-6), ("ns", 1e-9)):
-        if seconds >= scale:
-            return f"{seconds / scale:8.3f} {unit}"
-    return f"{seconds / 1e-9:8.3f} ns"
-
-
-def compare(what, ours, ref, target):
-    ratio = ours / ref
-    return (what, ours, ref,
-            f"{ratio:.2f}x numpy, target <= {target}x: {'ok' if ratio <= target else 'MISSED'}")
+from pytramel.tensor.tensor import QTensor, _recording_step_ns
+from timing import best, options, print_table, verdict
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--quick", action="store_true", help="fewer repeats, for a smoke run")
-    args = parser.parse_args()
-    repeat = 3 if args.quick else 7
-    scale = 10 if args.quick else 1
-    rows = []  # (what, ours, numpy, check)
+    repeat, scale = options(__doc__)
+    rows = []
 
     big = np.random.default_rng(0).random(10**6).astype(np.float32)
     t = QTensor(big)
     assert np.array_equal(t.to_numpy(), big)
     n = max(500 // scale, 5)
-    rows.append(compare("to_numpy, 10^6 float32 vs numpy.array copy",
-                        best(t.to_numpy, n, repeat), best(lambda: np.array(big), n, repeat), 1.2))
+    ours, ref = best(t.to_numpy, n, repeat), best(lambda: np.array(big), n, repeat)
+    rows.append(("to_numpy, 10^6 float32 vs numpy.array copy", [ours, ref], verdict(ours / ref, 1.2, "numpy")))
 
     small = np.random.default_rng(1).standard_normal(1000).astype(np.float32)
     s = QTensor(small)
-    text = repr(s)  # leaves numpy's print options as the reference below needs them
-    assert text == np.array2string(small, separator=" ", prefix="")
+    assert repr(s) == np.array2string(small, separator=" ", prefix="")  # also sets numpy's print options
     n = max(200 // scale, 5)
-    rows.append(compare("QTensor.__repr__, 1000 float32 vs numpy.array2string",
-                        best(lambda: repr(s), n, repeat),
-                        best(lambda: np.array2string(small, None, None, None, " ", ""), n, repeat),
-                        1.2))
+    ours = best(lambda: repr(s), n, repeat)
+    ref = best(lambda: np.array2string(small, None, None, None, " ", ""), n, repeat)
+    rows.append(("QTensor.__repr__, 1000 float32 vs numpy.array2string", [ours, ref],
+                 verdict(ours / ref, 1.2, "numpy")))
 
-    width = max(len(r[0]) for r in rows)
-    print(f"python {sys.version.split()[0]}, numpy {np.__version__}; best of {repeat}")
-    print(f"{'':{width}}  {'pytramel':>12}  {'numpy':>12}  check")
-    for what, ours, ref, check in rows:
-        print(f"{what:{width}}  {fmt(ours):>12}  {fmt(ref):>12}  {check}")
+    # The gated recording step of an operator, with recording off (the default).
+    step = min(_recording_step_ns(s, 10**7 // scale) for _ in range(repeat)) * 1e-9
+    rows.append(("recording step, recording off", [step, None],
+                 f"target < 50 ns: {'ok' if step < 50e-9 else 'MISSED'}"))
+    print_table(rows, ["pytramel", "numpy"], repeat)
 
 
 if __name__ == "__main__":

@@ -77,3 +77,25 @@ def default_dtype(request):
     """Runs a test under each of the two floating defaults."""
     D.set_default_dtype(request.param)
     return request.param
+
+
+def numeric_grad(f, z, w, h=1e-6):
+    """Central-difference gradient of L(z) = sum(Re(conj(w) * f(z))).
+
+    For complex z it is dL/dRe(z) + i dL/dIm(z), the convention in which gradient
+    descent on complex parameters works; for real z the plain derivative.
+    """
+    z = np.array(z)
+    grad = np.zeros(z.shape, dtype=np.result_type(z.dtype, np.float64))
+    units = (1.0, 1j) if np.iscomplexobj(z) else (1.0,)
+
+    def loss(v):
+        return np.sum(np.real(np.conj(w) * f(v)))
+
+    for idx in np.ndindex(z.shape):
+        for unit in units:
+            up, down = z.copy(), z.copy()
+            up[idx] += h * unit
+            down[idx] -= h * unit
+            grad[idx] += unit * (loss(up) - loss(down)) / (2 * h)
+    return grad

@@ -3,7 +3,7 @@
 #include <nanobind/nanobind.h>
 
 #include "bindings/interop.h"
-#include "tensor/qtensor.h"
+#include "tensor/operator.h"
 
 namespace nb = nanobind;
 using namespace tramel::tensor;
@@ -36,4 +36,11 @@ NB_MODULE(tensor, m) {
   init_query(m, cls);
   init_autograd(m);
   init_creation(m);
+  init_broadcast(m);
+  init_arithmetic(m, cls);
+  init_unary(m, cls);
+  init_compare(m, cls);
+  init_extrema(m, cls);
+  init_sum_mean(m);
+  init_operator_tables(m);
 }

@@ -156,6 +156,8 @@ std::string py_text(nb::handle o);
 void zero_grad(nb::handle self);
 void backward(nb::handle self, nb::handle grad);
 nb::object to_tensor(nb::handle value);
+// Moves a QTensor (and its grad) to `device` in place, as toGPU/toCPU do.
+nb::object move_to_device(nb::handle self, int device);
 // A new numpy array with the tensor's values, from any device.
 nb::object host_copy(const Tensor& t, const char* op);
 nb::object zeros_like(nb::handle t, nb::handle device, nb::handle dtype);

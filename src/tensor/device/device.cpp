@@ -60,6 +60,14 @@ nb::object move(nb::handle self, int device, const char* op) {
   return nb::borrow(self);
 }
 
+}  // namespace
+
+nb::object move_to_device(nb::handle self, int device) {
+  return move(self, device, device == kCpuDevice ? "toCPU" : "toGPU");
+}
+
+namespace {
+
 nb::object to_gpu(nb::handle self, nb::handle device) {
   int d = py::device_arg(device, "toGPU");
   if (d < kFirstAccelerator) throw nb::value_error("device should be DEV_GPU,DEV_GPU_1,... for GPU");

@@ -1,0 +1,164 @@
+// sums and mean, with the axis helpers that every axis-taking operator uses.
+// Their gradients spread the reduced gradient back over the input's shape.
+#include "bindings/interop.h"
+#include "tensor/operator.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+[[noreturn]] void bare_assertion() {
+  PyErr_SetNone(PyExc_AssertionError);
+  throw nb::python_error();
+}
+
+int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze) {
+  if (ndim <= 0) {
+    if (!wrap_scalar) bare_assertion();
+    ndim = 1;
+  }
+  if (dim < -ndim || dim > ndim - 1) bare_assertion();
+  if (dim < 0) dim += ndim + (for_unsqueeze ? 1 : 0);
+  return dim;
+}
+
+std::vector<int64_t> int_list(nb::handle axes, const char* op) {
+  std::vector<int64_t> out;
+  for (nb::handle a : axes) out.push_back(py::int_arg(a, op, "axis"));
+  return out;
+}
+
+// The reduced gradient x, with ones at the reduced axes of `shape`, expanded
+// over `shape`.
+Tensor spread(const Tensor& x, const Shape& shape, const std::vector<int64_t>& axes) {
+  Shape kept = shape;
+  for (int64_t axis : axes) kept[int(maybe_wrap_dim(axis, shape.rank()))] = 1;
+  return broadcast_to(reshape(x, kept), shape);
+}
+
+// Held: t.
+Tensor sum_all_grad(const Tensor& g, const FnGrad& f) {
+  if (g.numel() != 1) throw nb::value_error("can only convert an array of size 1 to a Python scalar");
+  Tensor value = g.device() == kCpuDevice ? g : to_device(g, kCpuDevice, "sums");
+  Scalar s = dispatch<kAllTypes>(g.dtype(), "sums", [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    T v = value.data<T>()[0];
+    if constexpr (is_complex_v<T>) return Scalar::from_complex(double(v.real()), double(v.imag()));
+    else if constexpr (std::is_floating_point_v<T>) return Scalar::from_double(double(v));
+    else return Scalar::from_int(int64_t(v));
+  });
+  return full(f.data(0).shape(), s, g.device(), g.dtype(), "sums");
+}
+
+Tensor sum_axes_grad(const Tensor& x, const FnGrad& f) { return spread(x, f.data(0).shape(), f.axes); }
+
+nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
+  QTensor& q = as_qtensor(t, "sums");
+  const Tensor& x = core_of(q, "sums");
+  Shape shape = x.shape();
+  // An int axis becomes a one-element list before anything else sees it.
+  nb::object axes_given = nb::borrow(axis);
+  if (PyLong_Check(axis.ptr())) {
+    nb::list one;
+    one.append(axis);
+    axes_given = one;
+  }
+  std::vector<int64_t> axes;
+  if (!axis.is_none()) axes = int_list(axes_given, "sums");
+  Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
+  nb::object nodes = nb::none();
+  if (truthy(q.requires_grad)) {
+    auto* grad = new FnGrad(axis.is_none() ? &sum_all_grad : &sum_axes_grad, nullptr, 0, {t});
+    grad->axes = axes;
+    nodes = nb::list();
+    nodes.attr("append")(edge(t, grad, LazyLabel("sums grad ").shape(shape)));
+  }
+  nb::object y = new_qtensor(wrap_core(std::move(data)), q.requires_grad, nodes, q.device);
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" sums ")}});
+    nb::dict attribute;
+    attribute["axes"] = axes_given;
+    attribute["keepdims"] = keepdims;
+    return make_record(id_text(t) + "_sums_" + id_text(y), "Sum", {t}, y, attribute);
+  });
+  return y;
+}
+
+// _mean_match_shape: x spread over `shape` along `axis`, and the length of that axis.
+std::pair<Tensor, int64_t> mean_match_shape(const Tensor& x, const Shape& shape, int64_t axis) {
+  int64_t wrapped = maybe_wrap_dim(axis, shape.rank());
+  return {spread(x, shape, {axis}), shape[int(wrapped)]};
+}
+
+Tensor mean_all_backward(const Tensor& g, const FnGrad& f) { return mean_all_grad(g, f.data(0).shape()); }
+
+Tensor mean_axis_backward(const Tensor& x, const FnGrad& f) {
+  auto [grad, n] = mean_match_shape(x, f.data(0).shape(), f.axes[0]);
+  binary_(BinaryOp::Div, grad, Scalar::from_int(n));
+  return grad;
+}
+
+nb::object mean_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
+  QTensor& q = as_qtensor(t, "mean");
+  const Tensor& x = core_of(q, "mean");
+  nb::object y;
+  if (axis.is_none()) {
+    // Only the object True asks for a gradient on this path.
+    nb::handle requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
+    nb::list nodes;
+    if (is_true(requires_grad))
+      nodes.append(edge(t, new FnGrad(&mean_all_backward, nullptr, 0, {t}), LazyLabel("mean grad")));
+    y = new_qtensor(wrap_core(mean(x)), requires_grad, nodes, q.device);
+  } else {
+    int64_t a = py::int_arg(axis, "mean", "axis");
+    y = make_result(mean(x, {a}, truthy(keepdims)), {t}, [&](int) {
+      auto* grad = new FnGrad(&mean_axis_backward, nullptr, 0, {t});
+      grad->axes = {a};
+      return edge(t, grad, LazyLabel("mean grad"));
+    });
+  }
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" var ")}});
+    nb::dict attribute;
+    attribute["axes"] = axis;
+    attribute["keepdims"] = keepdims;
+    return make_record(id_text(t) + "_mean_" + id_text(y), "Mean", {t}, y, attribute);
+  });
+  return y;
+}
+
+}  // namespace
+
+int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar) { return wrap_dim(dim, ndim, wrap_scalar, false); }
+
+void init_sum_mean(nb::module_& m) {
+  auto arg = [](const char* name) { return nb::arg(name).none(); };
+  m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("mean", &mean_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("_mean_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
+    auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), py::shape_arg(nb::list(shape), "_mean_match_shape"), axis);
+    return nb::make_tuple(wrap_core(std::move(grad)), n);
+  }, arg("x"), arg("shape"), nb::arg("axis"));
+  m.def("maybe_wrap_dim", [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, false); },
+        nb::arg("dim"), nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
+  m.def("maybe_wrap_dim_unsqueeze",
+        [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, true); }, nb::arg("dim"),
+        nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
+  m.def("_helper_func_parse_dims", [](nb::handle dims, int64_t ndim) {
+    nb::list out;
+    for (nb::handle d : dims) out.append(wrap_dim(py::int_arg(d, "_helper_func_parse_dims", "axis"), ndim, true, false));
+    return out;
+  }, arg("dim"), nb::arg("ndim"));
+  m.def("_helper_func_fill_dims", [](int64_t dim1, int64_t dim2, int64_t ndim) {
+    std::vector<int64_t> dims(size_t(std::max<int64_t>(ndim, 0)));
+    for (size_t i = 0; i < dims.size(); ++i) dims[i] = int64_t(i);
+    if (dim1 < 0 || dim2 < 0 || dim1 >= ndim || dim2 >= ndim) throw nb::index_error("list assignment index out of range");
+    dims[size_t(dim1)] = dim2;
+    dims[size_t(dim2)] = dim1;
+    nb::list out;
+    for (int64_t d : dims) out.append(d);
+    return out;
+  }, nb::arg("dim1"), nb::arg("dim2"), nb::arg("ndim"));
+}
+
+}  // namespace tramel::tensor
