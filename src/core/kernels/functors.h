@@ -166,7 +166,11 @@ struct Reciprocal { template <typename T> TRAMEL_HD T operator()(T v) const { re
 struct Sign {
   template <typename T> TRAMEL_HD T operator()(T v) const {
     if constexpr (is_complex_v<T>) {
-      auto m = std::abs(v);
+      using R = typename T::value_type;
+      R m = std::abs(v);
+      if (std::isinf(m))  // an infinite part alone sets the direction
+        return T(std::isinf(v.real()) ? std::copysign(R(1), v.real()) : R(0),
+                 std::isinf(v.imag()) ? std::copysign(R(1), v.imag()) : R(0));
       return m == 0 ? T(0) : T(v.real() / m, v.imag() / m);
     } else if constexpr (std::is_floating_point_v<T>) {
       return v > 0 ? T(1) : v < 0 ? T(-1) : v;  // keeps 0, -0 and NaN

@@ -78,6 +78,7 @@ acc_t<T> sum_run(const T* x, int64_t n, bool parallel) {
 // out[o, i] = sum_k x[o, k, i], for a run r of reduced axes.
 template <typename In, typename A>
 void sum_pass(const In* x, A* out, int64_t outer, int64_t r, int64_t inner) {
+  if (outer == 0 || inner == 0) return;  // no output elements
   if (inner == 1) {
     if (outer == 1) {
       out[0] = A(sum_run(x, r, true));
