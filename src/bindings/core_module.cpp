@@ -9,6 +9,8 @@ using namespace tramel;
 
 void init_tensor_class(nb::module_& m);
 void init_tramel_functions(nb::module_& m);
+void init_elementwise(nb::module_& m);
+void init_shape(nb::module_& m);
 
 namespace {
 
@@ -62,4 +64,6 @@ NB_MODULE(_core, m) {
 
   init_tensor_class(m);
   init_tramel_functions(m);
+  init_elementwise(m);
+  init_shape(m);
 }

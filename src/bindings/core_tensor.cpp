@@ -160,8 +160,6 @@ void init_tensor_class(nb::module_& m) {
           nb::arg("m") = 0.0, nb::arg("s") = 1.0, nb::arg("fast_math") = true);
   cls.def("fill_rand_binary_", [](Tensor& t, double v) { fill_binary_(t, v); }, nb::arg("v") = 0.5);
 
-  cls.def("add_", [](Tensor& t, const Tensor& other) { add_(t, other); }, nb::arg("other"));
-
   // Queries.
   cls.def("l2_norm", [](const Tensor& t) { return l2_norm(t); });
   cls.def("is_nonzero", [](const Tensor& t) { return is_nonzero(t); });

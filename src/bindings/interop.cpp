@@ -35,6 +35,21 @@ int64_t int_arg(nb::handle value, const char* op, const char* what) {
   return v;
 }
 
+std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what) {
+  if (PyIndex_Check(value.ptr()) && !PyBool_Check(value.ptr()) && !nb::hasattr(value, "__len__"))
+    return {int_arg(value, op, what)};
+  if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr()))
+    fail(ErrorKind::Type, op,
+         std::string(what) + " must be an integer or a sequence of integers, got " + nb::type_name(value.type()).c_str());
+  nb::object seq = nb::steal(PySequence_Fast(value.ptr(), what));
+  if (!seq.is_valid()) nb::raise_python_error();
+  Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
+  PyObject** items = PySequence_Fast_ITEMS(seq.ptr());
+  std::vector<int64_t> out(static_cast<size_t>(n));
+  for (Py_ssize_t i = 0; i < n; ++i) out[size_t(i)] = int_arg(items[i], op, what);
+  return out;
+}
+
 namespace {
 
 bool dtype_from_dlpack(nb::dlpack::dtype dt, DType* out) {

@@ -4,6 +4,8 @@
 #include <nanobind/nanobind.h>
 
 #include <optional>
+#include <tuple>
+#include <vector>
 
 #include "core/ops.h"
 
@@ -23,6 +25,23 @@ Scalar scalar_arg(nb::handle value, const char* op);
 int device_arg(nb::handle value, const char* op);
 // A Python integer (not bool); `what` names it in the error.
 int64_t int_arg(nb::handle value, const char* op, const char* what);
+// One integer, or a sequence of them (list, tuple, numpy integer array).
+std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what);
+
+// Kernels on at least this many elements run without the GIL.
+constexpr int64_t kUnlockElements = int64_t(1) << 16;
+
+// fn(first, rest...) on copies of the arguments, without the GIL when `first`
+// is large. The copies keep every storage alive whatever other Python threads
+// do to the objects meanwhile. Only for kernels that write no argument.
+template <typename Fn, typename... A>
+auto unlocked(const Fn& fn, const Tensor& first, const A&... rest) {
+  if (first.numel() < kUnlockElements) return fn(first, rest...);
+  Tensor t = first;
+  std::tuple<A...> args(rest...);
+  nb::gil_scoped_release release;
+  return std::apply([&](const auto&... xs) { return fn(t, xs...); }, args);
+}
 
 // The engine dtype of a numpy-compatible array object, if it is one of the ten.
 // Returns false for arrays of other element types (float16, uint32, objects...).

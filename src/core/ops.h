@@ -46,6 +46,8 @@ Tensor randn(const Shape& shape, double mean, double stddev, int device, DType d
 // Mixed dtypes promote (see promote()); a host number is "weak": it takes the
 // tensor's dtype unless it belongs to a higher category (an int tensor times
 // 1.5 gives the default float dtype, a float32 tensor times 1j complex64).
+// Division never raises: integers truncate and x / 0 is 0. Maximum and
+// Minimum let a NaN on either side win, as numpy's do.
 enum class BinaryOp { Add, Sub, Mul, Div, Pow, Maximum, Minimum };
 Tensor binary(BinaryOp op, const Tensor& a, const Tensor& b);
 Tensor binary(BinaryOp op, const Tensor& a, const Scalar& b);
@@ -62,7 +64,9 @@ enum class UnaryOp {
 };
 // abs of a complex tensor gives its real magnitude dtype; sign of a complex
 // element is z/|z| (0 at 0); round is half to even; floor/ceil/round of an
-// integer tensor return it unchanged (a copy).
+// integer tensor return it unchanged (a copy). Functions defined only on
+// floating and complex numbers (sqrt, exp, log, the trigonometric and
+// hyperbolic ones, reciprocal) compute integers and bools in the default dtype.
 Tensor unary(UnaryOp op, const Tensor& x);
 
 // Comparisons and logic give kbool tensors; nonzero counts as true.
@@ -113,6 +117,8 @@ Tensor mean_all_grad(const Tensor& g, const Shape& shape);
 // ---- shape (kernels/shape.cpp) ----
 // Same elements, new shape (storage shared); a wrong element count raises.
 Tensor reshape(const Tensor& t, const Shape& shape);
+// The same with numpy's dims: one of them may be -1, inferred from the rest.
+Tensor reshape(const Tensor& t, const std::vector<int64_t>& dims);
 // The common shape of a and b by numpy's rule; raises naming both shapes.
 Shape broadcast_shape(const Shape& a, const Shape& b, const char* op);
 // t expanded (copied) to `shape`.

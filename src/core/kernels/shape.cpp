@@ -1,0 +1,182 @@
+// Reshaping, broadcasting and tiling. Element order is row-major throughout.
+#include <cstring>
+
+#include "core/ops.h"
+#include "core/parallel.h"
+
+namespace tramel {
+
+Tensor reshape(const Tensor& t, const Shape& shape) { return t.view_as(shape); }
+
+Tensor reshape(const Tensor& t, const std::vector<int64_t>& dims) {
+  const char* op = "reshape";
+  if (dims.size() > size_t(kMaxRank))
+    fail(ErrorKind::Value, op, "rank " + std::to_string(dims.size()) + " exceeds the largest supported rank " +
+                                   std::to_string(kMaxRank));
+  int64_t d[kMaxRank];
+  int infer = -1;
+  int64_t known = 1;
+  for (size_t i = 0; i < dims.size(); ++i) {
+    d[i] = dims[i];
+    if (dims[i] == -1) {
+      if (infer >= 0) fail(ErrorKind::Value, op, "only one dimension can be -1");
+      infer = int(i);
+    } else if (dims[i] >= 0) {
+      known *= dims[i];
+    }
+  }
+  if (infer >= 0) {
+    if (known == 0 || t.numel() % known != 0)
+      fail(ErrorKind::Value, op, "cannot reshape " + t.shape().str() + " with a -1 dimension");
+    d[infer] = t.numel() / known;
+  }
+  return t.view_as(Shape(d, int(dims.size()), op));
+}
+
+Shape broadcast_shape(const Shape& a, const Shape& b, const char* op) {
+  int rank = std::max(a.rank(), b.rank());
+  int64_t dims[kMaxRank];
+  for (int i = 0; i < rank; ++i) {
+    int ia = i - (rank - a.rank()), ib = i - (rank - b.rank());
+    int64_t da = ia >= 0 ? a[ia] : 1, db = ib >= 0 ? b[ib] : 1;
+    if (da != db && da != 1 && db != 1)
+      fail(ErrorKind::Value, op, "shapes " + a.str() + " and " + b.str() + " cannot be broadcast together");
+    dims[i] = da == 1 ? db : da;
+  }
+  return Shape(dims, rank, op);
+}
+
+Tensor broadcast_to(const Tensor& t, const Shape& shape) {
+  const char* op = "broadcast_to";
+  const Shape& in = t.shape();
+  int rank = shape.rank();
+  bool fits = in.rank() <= rank;
+  for (int i = 0; fits && i < in.rank(); ++i) {
+    int64_t d = in[i], o = shape[i + rank - in.rank()];
+    fits = d == o || d == 1;
+  }
+  if (!fits) fail(ErrorKind::Value, op, "cannot broadcast shape " + in.str() + " to " + shape.str());
+  if (in == shape) return t;  // storage shared; see Note [copy-on-write storage]
+  require_host_addressable(t.device(), op);
+  Tensor out = Tensor::empty(shape, t.dtype(), t.device(), op);
+  if (out.numel() == 0) return out;
+  // Coalesce into runs of copied dims (in == out) and repeated dims (in == 1);
+  // dims of length 1 drop out.
+  int64_t od[kMaxRank], rep[kMaxRank];
+  int n = 0;
+  for (int i = 0; i < rank; ++i) {
+    int64_t o = shape[i], d = i >= rank - in.rank() ? in[i - (rank - in.rank())] : 1;
+    if (o == 1) continue;
+    bool repeated = d == 1;
+    if (n > 0 && bool(rep[n - 1]) == repeated) od[n - 1] *= o;
+    else od[n] = o, rep[n] = repeated, ++n;
+  }
+  size_t item = itemsize(t.dtype());
+  if (n == 0) {  // every dim is 1
+    std::memcpy(out.raw(), t.raw(), item);
+    return out;
+  }
+  // Element strides of the source for each coalesced dim.
+  int64_t src_stride[kMaxRank], running = 1;
+  for (int i = n - 1; i >= 0; --i) {
+    src_stride[i] = rep[i] ? 0 : running;
+    if (!rep[i]) running *= od[i];
+  }
+  int64_t inner = od[n - 1], rows = out.numel() / inner;
+  const char* src = static_cast<const char*>(t.raw());
+  char* dst = static_cast<char*>(out.raw());
+  parallel_for(rows, std::max<int64_t>(1, kParallelGrain / inner), [&](int64_t b, int64_t e) {
+    for (int64_t row = b; row < e; ++row) {
+      int64_t offset = 0, rest = row;
+      for (int i = n - 2; i >= 0; --i) {
+        offset += (rest % od[i]) * src_stride[i];
+        rest /= od[i];
+      }
+      char* d = dst + size_t(row * inner) * item;
+      const char* s = src + size_t(offset) * item;
+      if (!rep[n - 1]) {
+        std::memcpy(d, s, size_t(inner) * item);
+      } else {  // one element repeated: double the filled prefix
+        std::memcpy(d, s, item);
+        for (int64_t done = 1; done < inner;) {
+          int64_t k = std::min(done, inner - done);
+          std::memcpy(d + size_t(done) * item, d, size_t(k) * item);
+          done += k;
+        }
+      }
+    }
+  });
+  return out;
+}
+
+namespace {
+
+// Shape and reps brought to one rank by leading ones, as numpy's tile does.
+struct Aligned {
+  int rank;
+  int64_t shape[kMaxRank], reps[kMaxRank];
+};
+
+Aligned align(const Shape& shape, const std::vector<int64_t>& reps, const char* op) {
+  if (reps.size() > size_t(kMaxRank))
+    fail(ErrorKind::Value, op, "too many repetitions: " + std::to_string(reps.size()));
+  Aligned a;
+  a.rank = std::max(shape.rank(), int(reps.size()));
+  for (int i = 0; i < a.rank; ++i) {
+    int is = i - (a.rank - shape.rank()), ir = i - (a.rank - int(reps.size()));
+    a.shape[i] = is >= 0 ? shape[is] : 1;
+    a.reps[i] = ir >= 0 ? reps[ir] : 1;
+    if (a.reps[i] < 0) fail(ErrorKind::Value, op, "repetitions must not be negative");
+  }
+  return a;
+}
+
+// Interleaved shapes [r0, s0, r1, s1, ...] (r omitted where it is 1): the
+// tiled tensor is the source broadcast from [1, s0, 1, s1, ...] to these.
+struct Interleaved {
+  int64_t src[kMaxRank * 2], tiled[kMaxRank * 2], flat[kMaxRank];
+  int rank = 0;
+  std::vector<int64_t> rep_axes;
+};
+
+Interleaved interleave(const Aligned& a, const char* op) {
+  Interleaved v;
+  for (int i = 0; i < a.rank; ++i) {
+    if (a.reps[i] != 1) {
+      v.rep_axes.push_back(v.rank);
+      v.src[v.rank] = 1, v.tiled[v.rank] = a.reps[i], ++v.rank;
+    }
+    v.src[v.rank] = a.shape[i], v.tiled[v.rank] = a.shape[i], ++v.rank;
+    v.flat[i] = a.shape[i] * a.reps[i];
+  }
+  if (v.rank > kMaxRank)
+    fail(ErrorKind::Value, op, "tiling needs " + std::to_string(v.rank) + " dimensions, more than " +
+                                   std::to_string(kMaxRank));
+  return v;
+}
+
+}  // namespace
+
+Tensor tile(const Tensor& t, const std::vector<int64_t>& reps) {
+  const char* op = "tile";
+  Aligned a = align(t.shape(), reps, op);
+  Interleaved v = interleave(a, op);
+  Tensor tiled = broadcast_to(t.view_as(Shape(v.src, v.rank, op)), Shape(v.tiled, v.rank, op));
+  if (tiled.storage() == t.storage()) tiled = to_device(tiled, t.device(), op);  // a tile is a new tensor
+  return tiled.view_as(Shape(v.flat, a.rank, op));
+}
+
+Tensor tile_grad(const Tensor& x, const Shape& shape, const std::vector<int64_t>& reps) {
+  const char* op = "TileGrad";
+  Aligned a = align(shape, reps, op);
+  Interleaved v = interleave(a, op);
+  Shape tiled(v.tiled, v.rank, op);
+  if (tiled.numel() != x.numel())
+    fail(ErrorKind::Value, op, "gradient of shape " + x.shape().str() + " does not match " + shape.str() +
+                                   " tiled " + std::to_string(reps.size()) + " ways");
+  Tensor s = v.rep_axes.empty() ? to_device(x, x.device(), op) : sum(x.view_as(tiled), v.rep_axes, false);
+  if (s.dtype() != x.dtype()) s = to_dtype(s, x.dtype(), false);
+  return s.view_as(shape);
+}
+
+}  // namespace tramel
