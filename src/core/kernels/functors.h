@@ -14,8 +14,14 @@
 #include "core/dtype.h"
 #include "core/kernels/vmath.h"
 
+// Always inlined: gcc inlines nothing into the AVX2 clone of a loop (see
+// Note [vector clones]) unless told to, and a call stops the vectoriser.
 #ifndef TRAMEL_HD
+#if defined(__GNUC__)
+#define TRAMEL_HD __attribute__((always_inline))
+#else
 #define TRAMEL_HD
+#endif
 #endif
 
 namespace tramel::fn {
@@ -212,7 +218,7 @@ struct Exp {
     }
   }
   // Overflow, infinities and NaN follow libm's special cases.
-  template <typename T> static bool fast_ok(T v) { return v.real() < 700 && vmath::trig_fast_ok(v.imag()); }
+  template <typename T> TRAMEL_HD static bool fast_ok(T v) { return v.real() < 700 && vmath::trig_fast_ok(v.imag()); }
   template <typename T> static T exact(T v) { return std::exp(v); }
 };
 template <bool IsSin>
@@ -226,7 +232,7 @@ struct SinCosOf {
       return T(IsSin ? sc.s : sc.c);
     }
   }
-  template <typename T> static bool fast_ok(T v) { return vmath::trig_fast_ok(double(v)); }
+  template <typename T> TRAMEL_HD static bool fast_ok(T v) { return vmath::trig_fast_ok(double(v)); }
   template <typename T> static T exact(T v) { return IsSin ? std::sin(v) : std::cos(v); }
 };
 using Sin = SinCosOf<true>;

@@ -9,10 +9,16 @@
 #include <cstdint>
 #include <cstring>
 
+#if defined(__GNUC__)
+#define TRAMEL_VMATH inline __attribute__((always_inline))
+#else
+#define TRAMEL_VMATH inline
+#endif
+
 namespace tramel::vmath {
 
 template <typename To, typename From>
-inline To bits(From v) {
+TRAMEL_VMATH To bits(From v) {
   static_assert(sizeof(To) == sizeof(From));
   To out;
   std::memcpy(&out, &v, sizeof(out));
@@ -23,7 +29,7 @@ inline To bits(From v) {
 
 // 2^n for n in [-150, 128] (float) without leaving the normal range: the
 // scaling is split into two factors.
-inline float exp_f32(float x) {
+TRAMEL_VMATH float exp_f32(float x) {
   constexpr float kHi = 89.0f, kLo = -104.0f;
   x = x > kHi ? kHi : x;
   x = x < kLo ? kLo : x;  // NaN passes both tests unchanged
@@ -46,7 +52,7 @@ inline float exp_f32(float x) {
   return p * s1 * s2;
 }
 
-inline double exp_f64(double x) {
+TRAMEL_VMATH double exp_f64(double x) {
   constexpr double kHi = 710.0, kLo = -746.0;
   x = x > kHi ? kHi : x;
   x = x < kLo ? kLo : x;
@@ -75,19 +81,19 @@ inline double exp_f64(double x) {
   return p * s1 * s2;
 }
 
-inline float exp_v(float x) { return exp_f32(x); }
-inline double exp_v(double x) { return exp_f64(x); }
+TRAMEL_VMATH float exp_v(float x) { return exp_f32(x); }
+TRAMEL_VMATH double exp_v(double x) { return exp_f64(x); }
 
 // ---- sin and cos (double; float goes through double) ----
 
 constexpr double kTrigFastLimit = 1e5;
-inline bool trig_fast_ok(double x) { return x > -kTrigFastLimit && x < kTrigFastLimit; }
+TRAMEL_VMATH bool trig_fast_ok(double x) { return x > -kTrigFastLimit && x < kTrigFastLimit; }
 
 struct SinCos {
   double s, c;
 };
 
-inline SinCos sincos_f64(double x) {
+TRAMEL_VMATH SinCos sincos_f64(double x) {
   constexpr double kMagic = 6755399441055744.0;
   double t = x * 6.36619772367581382433e-01 + kMagic;  // x * 2/pi, rounded
   int64_t q = bits<int64_t>(t) - bits<int64_t>(kMagic);
