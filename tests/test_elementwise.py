@@ -86,6 +86,11 @@ def close(actual, expected, dtype):
     np.testing.assert_allclose(actual, expected, rtol=TOLERANCE[dtype] * 10, atol=TOLERANCE[dtype] * 10)
 
 
+def grad_close(actual, expected):
+    """Against central differences, whose own error is about h^2 and rounding / h."""
+    np.testing.assert_allclose(actual, expected, rtol=1e-6, atol=1e-7)
+
+
 def test_every_table_row_has_a_test_entry():
     tested = {"arithmetic": ARITHMETIC, "unary": UNARY, "compare": COMPARE,
               "classify": CLASSIFY, "extrema": EXTREMA}
@@ -115,7 +120,7 @@ def test_unary_gradients_match_finite_differences(name, dtype):
     y = getattr(tt, name)(t)
     w = make([3], y.to_numpy().dtype.type, real_domain, seed=1)
     y.backward(w)
-    close(t.grad.to_numpy(), numeric_grad(ref, x, w), F64 if dtype is F64 else C128)
+    grad_close(t.grad.to_numpy(), numeric_grad(ref, x, w))
 
 
 @pytest.mark.parametrize("name", ["ceil", "round", "sign", "floor"])
@@ -155,8 +160,8 @@ def test_binary_gradients_reduce_to_each_operand(name, dtype, shapes):
     y = getattr(tt, name)(t1, t2)
     w = make(list(np.broadcast_shapes(a.shape, b.shape)), dtype, real_domain, seed=2)
     y.backward(w)
-    close(t1.grad.to_numpy(), numeric_grad(lambda v: ref(v, b), a, w), dtype)
-    close(t2.grad.to_numpy(), numeric_grad(lambda v: ref(a, v), b, w), dtype)
+    grad_close(t1.grad.to_numpy(), numeric_grad(lambda v: ref(v, b), a, w))
+    grad_close(t2.grad.to_numpy(), numeric_grad(lambda v: ref(a, v), b, w))
     assert t1.grad.shape == shapes[0] and t2.grad.shape == shapes[1]
 
 

@@ -22,9 +22,10 @@ int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze
   return dim;
 }
 
+// Axes as Python gives them; a bool is the int it is (True is axis 1).
 std::vector<int64_t> int_list(nb::handle axes, const char* op) {
   std::vector<int64_t> out;
-  for (nb::handle a : axes) out.push_back(py::int_arg(a, op, "axis"));
+  for (nb::handle a : axes) out.push_back(PyBool_Check(a.ptr()) ? int64_t(a.ptr() == Py_True) : py::int_arg(a, op, "axis"));
   return out;
 }
 
