@@ -54,6 +54,8 @@ NB_MODULE(_core, m) {
   m.def("get_readable_dtype_str", [](nb::handle d) { return dtype_name(*py::dtype_arg(d, "get_readable_dtype_str")); });
   m.def("manual_seed", [](uint64_t seed) { manual_seed(seed); }, nb::arg("seed"),
         "Seeds the one random generator behind every random fill.");
+  m.def("set_num_threads", &set_num_threads, nb::arg("n"), "Threads that large loops split across.");
+  m.def("get_num_threads", &get_num_threads);
   m.def("emulated_accelerator_count", &emulated_accelerator_count);
   m.def("device_available", &device_available);
 

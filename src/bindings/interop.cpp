@@ -7,21 +7,54 @@
 
 namespace tramel::py {
 
+namespace {
+PyObject* python_type(ErrorKind kind) {
+  switch (kind) {
+    case ErrorKind::Value: return PyExc_ValueError;
+    case ErrorKind::Type: return PyExc_TypeError;
+    case ErrorKind::Index: return PyExc_IndexError;
+    case ErrorKind::Runtime: break;
+  }
+  return PyExc_RuntimeError;
+}
+
+PyObject* python_type(nb::exception_type kind) {
+  switch (kind) {
+    case nb::exception_type::value_error: return PyExc_ValueError;
+    case nb::exception_type::type_error: return PyExc_TypeError;
+    case nb::exception_type::index_error: return PyExc_IndexError;
+    case nb::exception_type::key_error: return PyExc_KeyError;
+    case nb::exception_type::attribute_error: return PyExc_AttributeError;
+    case nb::exception_type::stop_iteration: return PyExc_StopIteration;
+    default: return PyExc_RuntimeError;
+  }
+}
+}  // namespace
+
 void register_error_translator() {
   nb::register_exception_translator([](const std::exception_ptr& p, void*) {
     try {
       std::rethrow_exception(p);
     } catch (const Error& e) {
-      PyObject* type = PyExc_RuntimeError;
-      switch (e.kind()) {
-        case ErrorKind::Value: type = PyExc_ValueError; break;
-        case ErrorKind::Type: type = PyExc_TypeError; break;
-        case ErrorKind::Index: type = PyExc_IndexError; break;
-        case ErrorKind::Runtime: type = PyExc_RuntimeError; break;
-      }
-      PyErr_SetString(type, e.what());
+      PyErr_SetString(python_type(e.kind()), e.what());
     }
   });
+}
+
+void set_python_error_from_current_exception() noexcept {
+  try {
+    throw;
+  } catch (nb::python_error& e) {
+    e.restore();
+  } catch (const nb::builtin_exception& e) {
+    PyErr_SetString(python_type(e.type()), e.what());
+  } catch (const Error& e) {
+    PyErr_SetString(python_type(e.kind()), e.what());
+  } catch (const std::exception& e) {
+    PyErr_SetString(PyExc_RuntimeError, e.what());
+  } catch (...) {
+    PyErr_SetString(PyExc_RuntimeError, "unknown C++ exception");
+  }
 }
 
 int64_t int_arg(nb::handle value, const char* op, const char* what) {

@@ -15,6 +15,9 @@ namespace nb = nanobind;
 
 // Python exception types for engine failures; registered by each module.
 void register_error_translator();
+// Sets the Python error for the exception in flight, for C-level slots that
+// nanobind's dispatch does not wrap. Call from a catch block.
+void set_python_error_from_current_exception() noexcept;
 
 // A dtype constant; with `allow_marker`, -1 gives std::nullopt ("the array's own type").
 std::optional<DType> dtype_arg(nb::handle value, const char* op, bool allow_marker = false);

@@ -142,6 +142,10 @@ Tensor argmin(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
 // Axis helpers shared by the reductions.
 int64_t wrap_axis(int64_t axis, int ndim, const char* op, const Shape& shape);
 
+// ---- threads (threads.cpp) ----
+void set_num_threads(int n);
+int get_num_threads();
+
 // ---- export configuration ----
 // The two flags that recording operators test; the Python values behind them
 // are kept by the bindings.

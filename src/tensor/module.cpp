@@ -38,9 +38,9 @@ NB_MODULE(tensor, m) {
   init_creation(m);
   init_broadcast(m);
   init_arithmetic(m, cls);
-  init_unary(m, cls);
-  init_compare(m, cls);
-  init_extrema(m, cls);
+  init_unary(m);
+  init_compare(m);
+  init_extrema(m);
   init_sum_mean(m);
   init_operator_tables(m);
 }

@@ -79,7 +79,7 @@ nb::object make_result(nb::object data, std::initializer_list<nb::handle> inputs
     }
     ++i;
   }
-  nb::object device = nb::int_(as_core(data, "operator").device());
+  nb::object device = device_object(as_core(data, "operator").device());
   return new_qtensor(std::move(data), requires_grad, nodes.is_valid() ? nodes : nb::none(), device);
 }
 
@@ -135,9 +135,9 @@ void init_operator_tables(nb::module_& m);
 // One per family file.
 void init_broadcast(nb::module_& m);
 void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls);
-void init_unary(nb::module_& m, nb::class_<QTensor>& cls);
-void init_compare(nb::module_& m, nb::class_<QTensor>& cls);
-void init_extrema(nb::module_& m, nb::class_<QTensor>& cls);
+void init_unary(nb::module_& m);
+void init_compare(nb::module_& m);
+void init_extrema(nb::module_& m);
 void init_sum_mean(nb::module_& m);
 
 }  // namespace tramel::tensor

@@ -13,11 +13,6 @@ namespace tramel::tensor {
 
 namespace {
 
-PyTypeObject* g_qtensor = nullptr;
-PyTypeObject* g_graphnode = nullptr;
-PyTypeObject* g_core_tensor = nullptr;
-PyTypeObject* g_gradfn = nullptr;
-PyObject* g_ndarray = nullptr;   // numpy.ndarray
 PyObject* g_np_array = nullptr;  // numpy.array
 
 // ---- cycle collection: every Python-object field is visited and cleared ----
@@ -47,12 +42,12 @@ int clear_fields(PyObject* self, std::initializer_list<nb::object T::*> members)
 int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
   int r = traverse_fields<QTensor>(self, visit, arg, nb::inst_ptr<QTensor>(self), QTENSOR_FIELDS);
   if (r || !nb::inst_ready(self)) return r;
-  if (const PendingLinks* pending = nb::inst_ptr<QTensor>(self)->pending_links.get())
-    for (int i = 0; i < pending->count; ++i) Py_VISIT(pending->inputs[i].ptr());
+  const PendingLinks& pending = nb::inst_ptr<QTensor>(self)->pending_links;
+  for (int i = 0; i < pending.count; ++i) Py_VISIT(pending.inputs[i].ptr());
   return 0;
 }
 int qtensor_clear(PyObject* self) {
-  if (nb::inst_ready(self)) nb::inst_ptr<QTensor>(self)->pending_links.reset();
+  if (nb::inst_ready(self)) nb::inst_ptr<QTensor>(self)->pending_links = PendingLinks();
   return clear_fields<QTensor>(self, QTENSOR_FIELDS);
 }
 int graphnode_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -68,7 +63,55 @@ int gradfn_clear(PyObject* self) {
   return 0;
 }
 
-PyType_Slot qtensor_slots[] = {{Py_tp_traverse, (void*)qtensor_traverse}, {Py_tp_clear, (void*)qtensor_clear}, {0, nullptr}};
+// ---- number and comparison slots ----
+// QTensor's operators are type slots rather than methods, so `x * y` reaches
+// the operator without a method lookup and argument parsing. CPython derives
+// the __add__/__radd__ ... wrappers from them.
+
+template <typename F>
+PyObject* guarded(F&& body) noexcept {
+  try {
+    return body().release().ptr();
+  } catch (...) {
+    py::set_python_error_from_current_exception();
+    return nullptr;
+  }
+}
+
+// self op t and t op self alike: the operand that is not a QTensor enters
+// through _to_tensor, and the operand order is kept.
+PyObject* binary_slot(nb::object (*op)(nb::handle, nb::handle), PyObject* a, PyObject* b) {
+  return guarded([&] {
+    if (is_qtensor(a)) return op(a, to_tensor(b));
+    return op(to_tensor(a), b);
+  });
+}
+
+PyObject* slot_add(PyObject* a, PyObject* b) { return binary_slot(g_operators.add, a, b); }
+PyObject* slot_sub(PyObject* a, PyObject* b) { return binary_slot(g_operators.sub, a, b); }
+PyObject* slot_mul(PyObject* a, PyObject* b) { return binary_slot(g_operators.mul, a, b); }
+PyObject* slot_div(PyObject* a, PyObject* b) { return binary_slot(g_operators.div, a, b); }
+PyObject* slot_pow(PyObject* a, PyObject* b, PyObject* mod) {
+  if (mod != Py_None) {
+    PyErr_SetString(PyExc_TypeError, "pow() with a modulus is not supported for QTensor");
+    return nullptr;
+  }
+  return binary_slot(g_operators.pow, a, b);
+}
+PyObject* slot_neg(PyObject* a) { return guarded([&] { return g_operators.neg(a); }); }
+PyObject* slot_richcompare(PyObject* self, PyObject* other, int op) {
+  return guarded([&] { return g_operators.compare(self, other, op); });
+}
+// The identity, so tensors are dictionary keys while == is element-wise.
+Py_hash_t slot_hash(PyObject* self) { return Py_hash_t(uintptr_t(self)); }
+
+PyType_Slot qtensor_slots[] = {
+    {Py_tp_traverse, (void*)qtensor_traverse}, {Py_tp_clear, (void*)qtensor_clear},
+    {Py_nb_add, (void*)slot_add},              {Py_nb_subtract, (void*)slot_sub},
+    {Py_nb_multiply, (void*)slot_mul},         {Py_nb_true_divide, (void*)slot_div},
+    {Py_nb_power, (void*)slot_pow},            {Py_nb_negative, (void*)slot_neg},
+    {Py_tp_richcompare, (void*)slot_richcompare}, {Py_tp_hash, (void*)slot_hash},
+    {0, nullptr}};
 PyType_Slot graphnode_slots[] = {{Py_tp_traverse, (void*)graphnode_traverse}, {Py_tp_clear, (void*)graphnode_clear}, {0, nullptr}};
 PyType_Slot gradfn_slots[] = {{Py_tp_traverse, (void*)gradfn_traverse}, {Py_tp_clear, (void*)gradfn_clear}, {0, nullptr}};
 
@@ -252,6 +295,11 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
 
 namespace {
 
+nb::object empty_text() {
+  static PyObject* text = PyUnicode_FromString("");  // held for the process
+  return nb::borrow(text);
+}
+
 void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                  nb::handle name) {
   new (q) QTensor{std::move(data),
@@ -262,7 +310,7 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
                   nb::borrow(device),
                   nb::none(),
                   nb::borrow(Py_False),
-                  name ? nb::borrow(name) : nb::str(""),
+                  name ? nb::borrow(name) : empty_text(),
                   nb::borrow(Py_True)};
 }
 
@@ -306,11 +354,6 @@ nb::object astype(nb::handle self, nb::handle dtype) {
 
 // ---- helpers declared in qtensor.h ----
 
-PyTypeObject* qtensor_type() { return g_qtensor; }
-PyTypeObject* graphnode_type() { return g_graphnode; }
-PyTypeObject* core_tensor_type() { return g_core_tensor; }
-PyTypeObject* gradfn_type() { return g_gradfn; }
-PyTypeObject* ndarray_type() { return (PyTypeObject*)g_ndarray; }
 
 QTensor& as_qtensor(nb::handle h, const char* op) {
   if (!is_qtensor(h))
@@ -319,7 +362,7 @@ QTensor& as_qtensor(nb::handle h, const char* op) {
 }
 
 GraphNode& as_graphnode(nb::handle h, const char* op) {
-  if (!PyObject_TypeCheck(h.ptr(), g_graphnode))
+  if (!PyObject_TypeCheck(h.ptr(), graphnode_type()))
     throw nb::type_error(
         (std::string("[") + op + "] expected a QTensor.GraphNode, got " + nb::type_name(h.type()).c_str()).c_str());
   return *nb::inst_ptr<GraphNode>(h);
@@ -332,7 +375,12 @@ Tensor& as_core(nb::handle h, const char* op) {
   return *nb::inst_ptr<Tensor>(h);
 }
 
-nb::object wrap_core(Tensor t) { return nb::cast(std::move(t), nb::rv_policy::move); }
+nb::object wrap_core(Tensor t) {
+  nb::object obj = nb::inst_alloc(core_tensor_type());
+  new (nb::inst_ptr<Tensor>(obj)) Tensor(std::move(t));
+  nb::inst_mark_ready(obj);
+  return obj;
+}
 
 bool truthy(nb::handle h) {
   if (h.ptr() == Py_True) return true;
@@ -353,10 +401,14 @@ nb::handle imported(const char* module, const char* name) {
 
 nb::object& link_nodes_of(QTensor& q) {
   nb::object& list = materialized(q.link_nodes);
-  if (std::unique_ptr<PendingLinks> pending = std::move(q.pending_links)) {
-    for (int i = 0; i < pending->count; ++i)
-      if (PyList_Append(list.ptr(), make_graphnode(pending->inputs[i], nb::none(), pending->labels[i]).ptr()) < 0)
+  if (q.pending_links.count) {
+    PendingLinks pending = std::move(q.pending_links);
+    q.pending_links = PendingLinks();
+    for (int i = 0; i < pending.count; ++i) {
+      nb::object name = nb::str((std::string(pending.prefixes[i]) + pending.body.str()).c_str());
+      if (PyList_Append(list.ptr(), make_graphnode(pending.inputs[i], nb::none(), name).ptr()) < 0)
         throw nb::python_error();
+    }
   }
   return list;
 }
@@ -367,10 +419,26 @@ std::string py_text(nb::handle o) {
   return nb::cast<std::string>(text);
 }
 
-int64_t device_of(nb::handle device_field, const char* op) { return py::int_arg(device_field, op, "device"); }
+int64_t device_of(nb::handle device_field, const char* op) {
+  if (PyLong_CheckExact(device_field.ptr())) {
+    int overflow = 0;
+    long long d = PyLong_AsLongLongAndOverflow(device_field.ptr(), &overflow);
+    if (!overflow) return d;
+  }
+  return py::int_arg(device_field, op, "device");
+}
+
+nb::object device_object(int device) {
+  // The processor and the first accelerators, made once and shared.
+  static PyObject* usual[17] = {};
+  int slot = device == kCpuDevice ? 0 : device - kFirstAccelerator + 1;
+  if (slot < 0 || slot >= 17) return nb::int_(device);
+  if (!usual[slot]) usual[slot] = nb::int_(device).release().ptr();
+  return nb::borrow(usual[slot]);
+}
 
 nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device, nb::handle name) {
-  nb::object obj = nb::inst_alloc(g_qtensor);
+  nb::object obj = nb::inst_alloc(qtensor_type());
   init_fields(nb::inst_ptr<QTensor>(obj), std::move(data), requires_grad, nodes, device, name);
   nb::inst_mark_ready(obj);
   record_constant(obj, *nb::inst_ptr<QTensor>(obj));
@@ -384,7 +452,7 @@ nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::hand
 
 nb::object qtensor_from_core(Tensor t) {
   int device = t.device();
-  return new_qtensor(wrap_core(std::move(t)), Py_False, Py_None, nb::int_(device));
+  return new_qtensor(wrap_core(std::move(t)), Py_False, Py_None, device_object(device));
 }
 
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
@@ -396,7 +464,7 @@ nb::object new_graphnode(nb::handle tensor, nb::handle df, nb::handle name, cons
   nb::object device = is_qtensor(tensor) ? as_qtensor(tensor, "GraphNode").device
                                          : nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
   if (!device.is_valid()) throw nb::python_error();
-  nb::object obj = nb::inst_alloc(g_graphnode);
+  nb::object obj = nb::inst_alloc(graphnode_type());
   new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, label};
   nb::inst_mark_ready(obj);
   return obj;
@@ -428,24 +496,25 @@ LazyLabel& LazyLabel::id(nb::handle o) {
 }
 
 LazyLabel& LazyLabel::then(const char* text) {
-  if (eager_) formatted_ += text;
+  if (formatted_) formatted_ = std::make_shared<const std::string>(*formatted_ + text);
   else text_[nvalues_] = text;
   return *this;
 }
 
+namespace {
+std::string value_text(bool is_id, const int64_t* values, int count) {
+  if (is_id) return std::to_string(uint64_t(values[0]));
+  std::string s = "[";
+  for (int i = 0; i < count; ++i) s += (i ? ", " : "") + std::to_string(values[i]);
+  return s + "]";
+}
+}  // namespace
+
 void LazyLabel::append_value(Kind kind, const int64_t* values, int count) {
-  if (!eager_ && (nvalues_ == 2 || used_ + count > kPool)) {
-    formatted_ = str();
-    eager_ = true;
-  }
-  if (eager_) {
-    if (kind == Kind::Id) {
-      formatted_ += std::to_string(uint64_t(values[0]));
-    } else {
-      formatted_ += "[";
-      for (int i = 0; i < count; ++i) formatted_ += (i ? ", " : "") + std::to_string(values[i]);
-      formatted_ += "]";
-    }
+  if (!formatted_ && (nvalues_ == 2 || used_ + count > kPool))
+    formatted_ = std::make_shared<const std::string>(str());
+  if (formatted_) {
+    formatted_ = std::make_shared<const std::string>(*formatted_ + value_text(kind == Kind::Id, values, count));
     return;
   }
   kinds_[nvalues_] = kind;
@@ -456,18 +525,10 @@ void LazyLabel::append_value(Kind kind, const int64_t* values, int count) {
 }
 
 std::string LazyLabel::str() const {
-  if (eager_) return formatted_;
+  if (formatted_) return *formatted_;
   std::string s = text_[0];
-  for (int v = 0, at = 0; v < nvalues_; at += counts_[v], ++v) {
-    if (kinds_[v] == Kind::Id) {
-      s += std::to_string(uint64_t(pool_[at]));
-    } else {
-      s += "[";
-      for (int i = 0; i < counts_[v]; ++i) s += (i ? ", " : "") + std::to_string(pool_[at + i]);
-      s += "]";
-    }
-    s += text_[v + 1];
-  }
+  for (int v = 0, at = 0; v < nvalues_; at += counts_[v], ++v)
+    s += value_text(kinds_[v] == Kind::Id, pool_ + at, counts_[v]) + text_[v + 1];
   return s;
 }
 
@@ -500,19 +561,19 @@ void zero_grad(nb::handle self) {
 }
 
 nb::class_<QTensor> init_qtensor(nb::module_& m) {
-  g_ndarray = imported("numpy", "ndarray").ptr();
+  g_types.ndarray = (PyTypeObject*)imported("numpy", "ndarray").ptr();
   g_np_array = imported("numpy", "array").ptr();
-  g_core_tensor = (PyTypeObject*)nb::type<Tensor>().ptr();
+  g_types.core_tensor = (PyTypeObject*)nb::type<Tensor>().ptr();
 
   nb::class_<QTensor> cls(m, "QTensor", nb::is_weak_referenceable(), nb::type_slots(qtensor_slots),
                           "QTensor is basic data struct for quantum circuits and nerual networks.\n"
                           "It supports multiple operations and implement their gradient function.");
-  g_qtensor = (PyTypeObject*)cls.ptr();
+  g_types.qtensor = (PyTypeObject*)cls.ptr();
 
   nb::class_<GraphNode> node(cls, "GraphNode", nb::type_slots(graphnode_slots),
                              "Helper class which models a node in the computational graph.\n"
                              "Stores tensor and derivative function of the primitive operation.");
-  g_graphnode = (PyTypeObject*)node.ptr();
+  g_types.graphnode = (PyTypeObject*)node.ptr();
   node.def("__init__",
            [](GraphNode* self, nb::handle tensor, nb::handle df, nb::handle name) {
              nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
@@ -529,7 +590,7 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
 
   nb::class_<GradFn> gradfn(m, "GradFn", nb::type_slots(gradfn_slots),
                             "Derivative function of a built-in operator: takes and returns a _core.Tensor.");
-  g_gradfn = (PyTypeObject*)gradfn.ptr();
+  g_types.gradfn = (PyTypeObject*)gradfn.ptr();
   gradfn.def("__call__", [](GradFn& f, nb::handle g) { return f.apply(g); }, nb::arg("grad").none());
 
   cls.def("__init__",
@@ -555,7 +616,7 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
   cls.def_prop_rw(
       "link_nodes", [](QTensor& q) { return link_nodes_of(q); },
       [](QTensor& q, nb::handle value) {
-        q.pending_links.reset();
+        q.pending_links = PendingLinks();
         q.link_nodes = nb::borrow(value);
       },
       nb::arg().none());
@@ -569,7 +630,6 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
   cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data").none(), nb::arg("device").none(), nb::arg("dtype").none());
   cls.def_static("_to_tensor", &to_tensor, nb::arg("tensor").none());
   cls.def("astype", &astype, nb::arg("dtype").none());
-  cls.def("__hash__", [](nb::handle self) { return uintptr_t(self.ptr()); });
   cls.def("zero_grad", &zero_grad);
   cls.def("backward", &backward, nb::arg("grad").none() = nb::none());
 

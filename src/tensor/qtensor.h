@@ -44,21 +44,24 @@ class LazyLabel {
   void append_value(Kind kind, const int64_t* values, int count);
 
   const char* text_[3] = {"", "", ""};
-  Kind kinds_[2] = {};
-  uint8_t counts_[2] = {};
+  Kind kinds_[2];
+  uint8_t counts_[2];
   uint8_t nvalues_ = 0, used_ = 0;
-  bool eager_ = false;  // the pool was too small: the label is in `formatted_`
-  int64_t pool_[kPool] = {};
-  std::string formatted_;
+  int64_t pool_[kPool];  // only the first used_ entries are meaningful
+  // Set when the pool was too small: then the whole label, formatted at once.
+  std::shared_ptr<const std::string> formatted_;
 };
 
 // Note [lazy link nodes]
 // Operators of the always-linked export form give every result link nodes to
 // its inputs, recording or not. They are kept here, inputs held strongly,
 // and become GraphNode objects in `link_nodes` only when someone reads it.
+// Every such label is a per-input prefix followed by one shared body
+// ("t1 no grad " / "t2 no grad " + "[2] add [2]").
 struct PendingLinks {
   nb::object inputs[2];
-  LazyLabel labels[2];
+  const char* prefixes[2];
+  LazyLabel body;
   int count = 0;
 };
 
@@ -73,7 +76,7 @@ struct QTensor {
   nb::object save_onnx_constant;
   nb::object name;
   nb::object if_normal_run_qvm;
-  std::unique_ptr<PendingLinks> pending_links;  // see Note [lazy link nodes]
+  PendingLinks pending_links;  // see Note [lazy link nodes]
 };
 
 struct GraphNode {
@@ -96,11 +99,32 @@ class GradFn {
 };
 
 // Types, set when the module is initialised.
-PyTypeObject* qtensor_type();
-PyTypeObject* graphnode_type();
-PyTypeObject* core_tensor_type();
-PyTypeObject* gradfn_type();
-PyTypeObject* ndarray_type();  // numpy.ndarray
+struct ModuleTypes {
+  PyTypeObject* qtensor = nullptr;
+  PyTypeObject* graphnode = nullptr;
+  PyTypeObject* core_tensor = nullptr;
+  PyTypeObject* gradfn = nullptr;
+  PyTypeObject* ndarray = nullptr;  // numpy.ndarray
+};
+inline ModuleTypes g_types;
+inline PyTypeObject* qtensor_type() { return g_types.qtensor; }
+inline PyTypeObject* graphnode_type() { return g_types.graphnode; }
+inline PyTypeObject* core_tensor_type() { return g_types.core_tensor; }
+inline PyTypeObject* gradfn_type() { return g_types.gradfn; }
+inline PyTypeObject* ndarray_type() { return g_types.ndarray; }
+
+// The operators behind QTensor's number and comparison slots, filled in by
+// the operator families when the module is initialised.
+struct OperatorHooks {
+  nb::object (*add)(nb::handle, nb::handle) = nullptr;
+  nb::object (*sub)(nb::handle, nb::handle) = nullptr;
+  nb::object (*mul)(nb::handle, nb::handle) = nullptr;
+  nb::object (*div)(nb::handle, nb::handle) = nullptr;
+  nb::object (*pow)(nb::handle, nb::handle) = nullptr;
+  nb::object (*neg)(nb::handle) = nullptr;
+  nb::object (*compare)(nb::handle self, nb::handle other, int op) = nullptr;  // op: Py_EQ ...
+};
+inline OperatorHooks g_operators;
 
 inline bool is_qtensor(nb::handle h) { return PyObject_TypeCheck(h.ptr(), qtensor_type()); }
 inline bool is_core_tensor(nb::handle h) { return PyObject_TypeCheck(h.ptr(), core_tensor_type()); }
@@ -120,6 +144,8 @@ bool truthy(nb::handle h);
 inline bool is_true(nb::handle h) { return h.ptr() == Py_True; }
 inline bool is_false(nb::handle h) { return h.ptr() == Py_False; }
 int64_t device_of(nb::handle device_field, const char* op);
+// The Python int for a device number (shared objects for the usual devices).
+nb::object device_object(int device);
 
 // The one way to build a QTensor from C++: fields as the constructor sets
 // them, then the constant record when recording is on.

@@ -58,9 +58,7 @@ nb::object arithmetic(const ArithmeticRow& row, nb::handle x1, nb::handle x2) {
                                   : new FnGrad(&arithmetic_grad, &row, i, {t1, t2});
     return edge(i == 0 ? t1 : t2, grad, LazyLabel(i == 0 ? "t1 grad " : "t2 grad ").shape(s1).then(row.infix).shape(s2));
   });
-  record_always_linked(y,
-                       {{t1, LazyLabel("t1 no grad ").shape(s1).then(row.infix).shape(s2)},
-                        {t2, LazyLabel("t2 no grad ").shape(s1).then(row.infix).shape(s2)}},
+  record_always_linked(y, {{t1, "t1 no grad "}, {t2, "t2 no grad "}}, LazyLabel().shape(s1).then(row.infix).shape(s2),
                        [&] {
                          return make_record(ids(t1, row.opid_infix, t2) + "_" + id_text(y), row.opname, {t1, t2}, y,
                                             nb::list());
@@ -97,7 +95,7 @@ nb::object accumulate(nb::handle tensor_list) {
   }
   Tensor sum = add_tensor_list(parts);
   int device = sum.device();
-  return new_qtensor(wrap_core(std::move(sum)), requires_grad, nodes, nb::int_(device));
+  return new_qtensor(wrap_core(std::move(sum)), requires_grad, nodes, device_object(device));
 }
 
 }  // namespace
@@ -106,24 +104,11 @@ void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls) {
   def_family<2>(m, "arithmetic", kArithmetic, &arithmetic);
   m.def("accumulate", &accumulate, nb::arg("tensor_list").none());
 
-  // Numbers and arrays enter through _to_tensor; the right-hand forms swap.
-  const ArithmeticRow* add = &kArithmetic[0];
-  const ArithmeticRow* sub = &kArithmetic[1];
-  const ArithmeticRow* mul = &kArithmetic[2];
-  const ArithmeticRow* div = &kArithmetic[3];
-  struct Protocol {
-    const char* left;
-    const char* right;
-    const ArithmeticRow* row;
-  };
-  for (Protocol p : {Protocol{"__add__", "__radd__", add}, Protocol{"__sub__", "__rsub__", sub},
-                     Protocol{"__mul__", "__rmul__", mul}, Protocol{"__truediv__", "__rtruediv__", div}}) {
-    const ArithmeticRow* r = p.row;
-    cls.def(p.left, [r](nb::handle self, nb::handle t) { return arithmetic(*r, self, to_tensor(t)); },
-            nb::arg("t").none());
-    cls.def(p.right, [r](nb::handle self, nb::handle t) { return arithmetic(*r, to_tensor(t), self); },
-            nb::arg("t").none());
-  }
+  // The number slots of QTensor (see qtensor.cpp) call these.
+  g_operators.add = [](nb::handle a, nb::handle b) { return arithmetic(kArithmetic[0], a, b); };
+  g_operators.sub = [](nb::handle a, nb::handle b) { return arithmetic(kArithmetic[1], a, b); };
+  g_operators.mul = [](nb::handle a, nb::handle b) { return arithmetic(kArithmetic[2], a, b); };
+  g_operators.div = [](nb::handle a, nb::handle b) { return arithmetic(kArithmetic[3], a, b); };
   // numpy defers to these operators instead of looping over a QTensor.
   cls.attr("__array_ufunc__") = nb::none();
 }

@@ -21,7 +21,7 @@ nb::object expanded(nb::handle t, Tensor data, const Shape& s1, const Shape& s2,
   });
   // The link shows the operand's shape, then the second operand's.
   const Shape& own = first ? s1 : s2;
-  record_always_linked(e, {{t, LazyLabel("link ").shape(own).then(" broadcast ").shape(s2)}}, [&] {
+  record_always_linked(e, {{t, "link "}}, LazyLabel().shape(own).then(" broadcast ").shape(s2), [&] {
     return make_record(id_text(t) + "_broadcast_" + id_text(e), "Broadcast", {t}, e, nb::list());
   });
   return e;

@@ -115,20 +115,19 @@ nb::object allclose(nb::handle t1, nb::handle t2, nb::handle rtol, nb::handle at
 
 }  // namespace
 
-void init_compare(nb::module_& m, nb::class_<QTensor>& cls) {
+void init_compare(nb::module_& m) {
   def_family<2>(m, "compare", kCompare, &compare_op);
   m.def("logical_not", &logical_not_op, nb::arg("t").none());
   def_family<1>(m, "classify", kClassify, &classify_op);
   m.def("allclose", &allclose, nb::arg("t1").none(), nb::arg("t2").none(), nb::arg("rtol").none(),
         nb::arg("atol").none(), nb::arg("equal_nan").none());
 
-  static const RichRow kRich[] = {{"__eq__", &kCompare[0]}, {"__ne__", &kCompare[1]}, {"__lt__", &kCompare[4]},
-                                  {"__gt__", &kCompare[2]}, {"__le__", &kCompare[5]}, {"__ge__", &kCompare[3]}};
-  for (const RichRow& rich : kRich) {
-    const RichRow* r = &rich;
-    cls.def(rich.method, [r](nb::handle self, nb::handle other) { return rich_compare(*r, self, other); },
-            nb::arg("other").none());
-  }
+  // The comparison slot of QTensor: op is Py_LT, Py_LE, Py_EQ, Py_NE, Py_GT or Py_GE.
+  g_operators.compare = [](nb::handle self, nb::handle other, int op) {
+    static const RichRow kRich[] = {{"__lt__", &kCompare[4]}, {"__le__", &kCompare[5]}, {"__eq__", &kCompare[0]},
+                                    {"__ne__", &kCompare[1]}, {"__gt__", &kCompare[2]}, {"__ge__", &kCompare[3]}};
+    return rich_compare(kRich[op], self, other);
+  };
 }
 
 }  // namespace tramel::tensor

@@ -105,12 +105,11 @@ nb::object power(nb::handle x1, nb::handle x2) {
 
 }  // namespace
 
-void init_extrema(nb::module_& m, nb::class_<QTensor>& cls) {
+void init_extrema(nb::module_& m) {
   def_family<2>(m, "extrema", kExtrema, &extremum);
   m.def("clip", &clip, nb::arg("t").none(), nb::arg("min_val").none(), nb::arg("max_val").none());
   m.def("power", &power, nb::arg("t1").none(), nb::arg("t2").none());
-  cls.def("__pow__", [](nb::handle self, nb::handle t) { return power(self, to_tensor(t)); }, nb::arg("t").none());
-  cls.def("__rpow__", [](nb::handle self, nb::handle t) { return power(to_tensor(t), self); }, nb::arg("t").none());
+  g_operators.pow = &power;  // the power slot of QTensor
 }
 
 }  // namespace tramel::tensor

@@ -102,7 +102,7 @@ nb::object apply_unary(const UnaryRow& row, nb::handle t) {
     return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, attribute);
   };
   if (row.always_linked)
-    record_always_linked(y, {{t, LazyLabel(row.link_text).shape(shape)}}, record);
+    record_always_linked(y, {{t, row.link_text}}, LazyLabel().shape(shape), record);
   else
     record_gated(y, [&](QTensor& out) {
       replace_links(out, {{t, LazyLabel(row.link_text)}});
@@ -134,11 +134,10 @@ nb::object log_softmax_op(nb::handle t, nb::handle axis) {
 
 }  // namespace
 
-void init_unary(nb::module_& m, nb::class_<QTensor>& cls) {
+void init_unary(nb::module_& m) {
   def_family<1>(m, "unary", kUnary, &apply_unary);
   m.def("log_softmax", &log_softmax_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
-  const UnaryRow* neg = &kUnary[4];
-  cls.def("__neg__", [neg](nb::handle self) { return apply_unary(*neg, self); });
+  g_operators.neg = [](nb::handle t) { return apply_unary(kUnary[4], t); };  // the negation slot
 }
 
 }  // namespace tramel::tensor

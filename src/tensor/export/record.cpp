@@ -43,21 +43,18 @@ void append_links(QTensor& y, std::initializer_list<Link> links) {
       throw nb::python_error();
 }
 
-void defer_links(QTensor& y, std::initializer_list<Link> links) {
-  if (y.pending_links || links.size() > 2) {
-    append_links(y, links);
-    return;
+void defer_links(QTensor& y, std::initializer_list<PrefixedLink> links, const LazyLabel& body) {
+  if (y.pending_links.count) link_nodes_of(y);  // keep the order: earlier links first
+  PendingLinks& pending = y.pending_links;
+  for (const PrefixedLink& link : links) {
+    pending.inputs[pending.count] = nb::borrow(link.tensor);
+    pending.prefixes[pending.count++] = link.prefix;
   }
-  auto pending = std::make_unique<PendingLinks>();
-  for (const Link& link : links) {
-    pending->inputs[pending->count] = nb::borrow(link.tensor);
-    pending->labels[pending->count++] = link.label;
-  }
-  y.pending_links = std::move(pending);
+  pending.body = body;
 }
 
 void replace_links(QTensor& y, std::initializer_list<Link> links) {
-  y.pending_links.reset();
+  y.pending_links = PendingLinks();
   y.link_nodes = nb::list();
   append_links(y, links);
 }
@@ -103,7 +100,7 @@ void record_constant(nb::handle y, QTensor& fields) {
   nb::list attribute;
   attribute.append(value);
   nb::object record = make_record(id_text(y) + "_tensor_init_", "Constant", {y}, y, attribute);
-  fields.pending_links.reset();
+  fields.pending_links = PendingLinks();
   fields.link_nodes = nb::object();  // a new empty list; see Note [lazy empty lists]
   fields.oplinkinfo = record;
 }

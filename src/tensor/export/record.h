@@ -27,15 +27,23 @@ struct Link {
 
 void append_links(QTensor& y, std::initializer_list<Link> links);
 void replace_links(QTensor& y, std::initializer_list<Link> links);
-// Appends links that become GraphNodes only when read; see Note [lazy link nodes].
-void defer_links(QTensor& y, std::initializer_list<Link> links);
+// An always-linked input and the prefix of its link's label.
+struct PrefixedLink {
+  nb::handle tensor;
+  const char* prefix;
+};
+// Appends links labelled prefix + body that become GraphNodes only when read;
+// see Note [lazy link nodes].
+void defer_links(QTensor& y, std::initializer_list<PrefixedLink> links, const LazyLabel& body);
 
-// Form A, always linked: the links go on every call; the record (built by
-// make_record_fn() only when wanted) unless save_opinfo is the object False.
+// Form A, always linked: the links (labelled prefix + body) go on every call;
+// the record (built by make_record_fn() only when wanted) unless save_opinfo
+// is the object False.
 template <typename MakeRecord>
-void record_always_linked(nb::handle y, std::initializer_list<Link> links, MakeRecord&& make_record_fn) {
+void record_always_linked(nb::handle y, std::initializer_list<PrefixedLink> links, const LazyLabel& body,
+                          MakeRecord&& make_record_fn) {
   QTensor& out = as_qtensor(y, "export");
-  defer_links(out, links);
+  defer_links(out, links, body);
   if (save_opinfo_on()) out.oplinkinfo = make_record_fn();
 }
 
