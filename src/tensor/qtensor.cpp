@@ -316,6 +316,19 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
 
 // ---- astype ----
 
+// " float32 astype float64": the part of astype's edge label after the id,
+// one static text per pair of dtypes so the label can stay lazy.
+const char* astype_label_tail(DType from, DType to) {
+  static const std::vector<std::string> tails = [] {
+    std::vector<std::string> all;
+    for (int a = 0; a < kNumDTypes; ++a)
+      for (int b = 0; b < kNumDTypes; ++b)
+        all.push_back(std::string(" ") + dtype_name(DType(a)) + " astype " + dtype_name(DType(b)));
+    return all;
+  }();
+  return tails[size_t(int(from) * kNumDTypes + int(to))].c_str();
+}
+
 class AstypeGrad final : public GradFn {
  public:
   explicit AstypeGrad(nb::object input) : input_(std::move(input)) {}
@@ -340,10 +353,8 @@ nb::object astype(nb::handle self, nb::handle dtype) {
   nb::object data = wrap_core(to_dtype(source, target, true));
   nb::list nodes;
   if (truthy(s.requires_grad)) {
-    std::string label = std::to_string(uintptr_t(self.ptr())) + " " + dtype_name(source.dtype()) + " astype " +
-                        dtype_name(target);
     nb::object df = nb::cast(static_cast<GradFn*>(new AstypeGrad(nb::borrow(self))), nb::rv_policy::take_ownership);
-    nodes.append(make_graphnode(self, df, nb::str(label.c_str())));
+    nodes.append(make_graphnode(self, df, LazyLabel().id(self).then(astype_label_tail(source.dtype(), target))));
   }
   nb::object y = new_qtensor(data, s.requires_grad, nodes, s.device);
   record_cast(self, y);

@@ -68,7 +68,10 @@ std::pair<nb::object, nb::object> broadcast_pair(nb::handle t1, nb::handle t2) {
   const Tensor& b = core_of(as_qtensor(t2, "broadcast"), "broadcast");
   Shape s1 = a.shape(), s2 = b.shape();
   Shape common = broadcast_shape(s1, s2, "broadcast");
-  Tensor r1 = broadcast_to(a, common), r2 = broadcast_to(b, common);
+  // An operand that already has the common shape shares its storage with
+  // its new tensor instead of being copied (see Note [copy-on-write storage]).
+  Tensor r1 = a.shape() == common ? a : broadcast_to(a, common);
+  Tensor r2 = b.shape() == common ? b : broadcast_to(b, common);
   nb::object e1 = expanded(t1, std::move(r1), s1, s2, true);
   nb::object e2 = expanded(t2, std::move(r2), s1, s2, false);
   return {e1, e2};
