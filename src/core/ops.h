@@ -113,6 +113,24 @@ Tensor mean(const Tensor& t);
 Tensor mean(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
 // A tensor of `shape` with every element g (one element) / numel(shape).
 Tensor mean_all_grad(const Tensor& g, const Shape& shape);
+// Extrema (values only; NaN propagates as in numpy) and the median (for an
+// even count the mean of the two middle values, numpy's rule); real dtypes.
+Tensor min(const Tensor& t);
+Tensor min(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
+Tensor max(const Tensor& t);
+Tensor max(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
+Tensor median(const Tensor& t);
+Tensor median(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims);
+// Variance and standard deviation; divisor n - 1 when `unbiased`, else n.
+// Floating and complex dtypes (complex: real results, E|x - mean|^2).
+Tensor var(const Tensor& t, bool unbiased);
+Tensor var(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased);
+Tensor std(const Tensor& t, bool unbiased);
+Tensor std(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased);
+// Running sums along `axis` (negative allowed) and their gradient (the
+// reversed running sums of g along the same axis).
+Tensor cumsum(const Tensor& t, int64_t axis);
+Tensor cumsum_grad(const Tensor& g, int64_t axis);
 
 // ---- shape (kernels/shape.cpp) ----
 // Same elements, new shape (storage shared); a wrong element count raises.
@@ -126,6 +144,19 @@ Tensor broadcast_to(const Tensor& t, const Shape& shape);
 Tensor tile(const Tensor& t, const std::vector<int64_t>& reps);
 // The gradient of tile: x summed over the repeats `reps` of a source of `shape`.
 Tensor tile_grad(const Tensor& x, const Shape& shape, const std::vector<int64_t>& reps);
+// Axis i of the result is axis dims[i] of t (a permutation; negative entries
+// wrap); a cache-blocked copy.
+Tensor transpose(const Tensor& t, const std::vector<int64_t>& dims);
+Tensor swapaxis(const Tensor& t, int64_t axis1, int64_t axis2);
+// Reversed along each axis in `dims` (negative entries wrap).
+Tensor flip(const Tensor& t, const std::vector<int64_t>& dims);
+// Views sharing storage: axes start..end merged (end may be -1); all axes of
+// length one dropped, or the listed ones (each must have length one); an axis
+// of length one inserted at a wrapped position 0..ndim.
+Tensor flatten(const Tensor& t, int64_t start, int64_t end);
+Tensor squeeze(const Tensor& t);
+Tensor squeeze(const Tensor& t, const std::vector<int64_t>& axes);
+Tensor unsqueeze(const Tensor& t, int64_t axis);
 
 // ---- whole-tensor queries and arg-reductions (kernels/reduce.cpp) ----
 bool all(const Tensor& t);
