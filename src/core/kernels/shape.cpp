@@ -1,4 +1,6 @@
-// Reshaping, broadcasting and tiling. Element order is row-major throughout.
+// Reshaping, views that merge, drop or insert axes, broadcasting and tiling.
+// Element order is row-major throughout.
+#include <algorithm>
 #include <cstring>
 
 #include "core/ops.h"
@@ -31,6 +33,68 @@ Tensor reshape(const Tensor& t, const std::vector<int64_t>& dims) {
     d[infer] = t.numel() / known;
   }
   return t.view_as(Shape(d, int(dims.size()), op));
+}
+
+Tensor flatten(const Tensor& t, int64_t start, int64_t end) {
+  const char* op = "flatten";
+  // A rank-0 tensor flattens to one axis of its one element.
+  int ndim = std::max(t.ndim(), 1);
+  int64_t s = wrap_axis(start, ndim, op, t.shape()), e = wrap_axis(end, ndim, op, t.shape());
+  if (s > e)
+    fail(ErrorKind::Value, op, "start axis " + std::to_string(start) + " comes after end axis " + std::to_string(end) +
+                                   " for shape " + t.shape().str());
+  int64_t dims[kMaxRank];
+  int rank = 0;
+  for (int i = 0; i < s; ++i) dims[rank++] = t.shape()[i];
+  int64_t merged = 1;
+  for (int i = int(s); i <= e && i < t.ndim(); ++i) merged *= t.shape()[i];
+  dims[rank++] = merged;
+  for (int i = int(e) + 1; i < t.ndim(); ++i) dims[rank++] = t.shape()[i];
+  return t.view_as(Shape(dims, rank, op));
+}
+
+Tensor squeeze(const Tensor& t) {
+  int64_t dims[kMaxRank];
+  int rank = 0;
+  for (int64_t d : t.shape())
+    if (d != 1) dims[rank++] = d;
+  return t.view_as(Shape(dims, rank, "squeeze"));
+}
+
+Tensor squeeze(const Tensor& t, const std::vector<int64_t>& axes) {
+  const char* op = "squeeze";
+  bool drop[kMaxRank] = {};
+  for (int64_t axis : axes) {
+    // A rank-0 tensor accepts the axis of its one element, as numpy does.
+    int64_t a = wrap_axis(axis, std::max(t.ndim(), 1), op, t.shape());
+    if (t.ndim() == 0) continue;
+    if (drop[a]) fail(ErrorKind::Value, op, "axis " + std::to_string(axis) + " is repeated for shape " + t.shape().str());
+    if (t.shape()[int(a)] != 1)
+      fail(ErrorKind::Value, op, "cannot squeeze axis " + std::to_string(axis) + " of length " +
+                                     std::to_string(t.shape()[int(a)]) + " in shape " + t.shape().str());
+    drop[a] = true;
+  }
+  int64_t dims[kMaxRank];
+  int rank = 0;
+  for (int i = 0; i < t.ndim(); ++i)
+    if (!drop[i]) dims[rank++] = t.shape()[i];
+  return t.view_as(Shape(dims, rank, op));
+}
+
+Tensor unsqueeze(const Tensor& t, int64_t axis) {
+  const char* op = "unsqueeze";
+  int ndim = t.ndim();
+  if (axis < -(ndim + 1) || axis > ndim)
+    fail(ErrorKind::Index, op, "axis " + std::to_string(axis) + " is out of range for inserting into shape " +
+                                   t.shape().str());
+  int64_t at = axis < 0 ? axis + ndim + 1 : axis;
+  int64_t dims[kMaxRank + 1];
+  int rank = 0;
+  for (int i = 0; i <= ndim; ++i) {
+    if (i == at) dims[rank++] = 1;
+    if (i < ndim) dims[rank++] = t.shape()[i];
+  }
+  return t.view_as(Shape(dims, rank, op));
 }
 
 Shape broadcast_shape(const Shape& a, const Shape& b, const char* op) {

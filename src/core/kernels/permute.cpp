@@ -1,0 +1,228 @@
+// Axis order: transposes and flips, as new contiguous tensors. Neither looks
+// at element values, so both copy elements as raw bits of their width.
+#include <cstring>
+#include <vector>
+
+#include "core/kernels/loops.h"
+
+namespace tramel {
+namespace {
+
+struct Bits16 {
+  uint64_t lo, hi;
+};
+template <size_t N>
+using bits_t = std::conditional_t<
+    N == 1, uint8_t,
+    std::conditional_t<N == 2, uint16_t, std::conditional_t<N == 4, uint32_t, std::conditional_t<N == 8, uint64_t, Bits16>>>>;
+
+// Calls fn(TypeTag<U>{}) with U an unsigned type as wide as t's elements.
+template <typename F>
+void dispatch_bits(const Tensor& t, const char* op, F&& fn) {
+  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    fn(TypeTag<bits_t<sizeof(T)>>{});
+  });
+}
+
+std::string list_str(const std::vector<int64_t>& v) {
+  std::string s = "[";
+  for (size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + std::to_string(v[i]);
+  return s + "]";
+}
+
+// A permutation with axes of length one dropped and axes that stay adjacent
+// and in order merged: in_dims are the merged input axes, and output axis i
+// is input axis perm[i].
+struct Coalesced {
+  int rank = 0;
+  int64_t in_dims[kMaxRank];
+  int perm[kMaxRank];
+};
+
+Coalesced coalesce(const Shape& shape, const int* perm, int ndim) {
+  int index[kMaxRank], kept = 0;  // input axis -> its index once ones are dropped
+  int64_t dims[kMaxRank];
+  for (int i = 0; i < ndim; ++i)
+    if (shape[i] != 1) index[i] = kept, dims[kept++] = shape[i];
+  int p[kMaxRank], n = 0;
+  for (int i = 0; i < ndim; ++i)
+    if (shape[perm[i]] != 1) p[n++] = index[perm[i]];
+  // Groups of output axes whose input axes are consecutive.
+  int start[kMaxRank], groups = 0;
+  for (int i = 0; i < n; ++i)
+    if (i == 0 || p[i] != p[i - 1] + 1) start[groups++] = i;
+  Coalesced c;
+  c.rank = groups;
+  int first[kMaxRank];  // first input axis of each group
+  for (int g = 0; g < groups; ++g) first[g] = p[start[g]];
+  for (int g = 0; g < groups; ++g) {
+    int end = g + 1 < groups ? start[g + 1] : n;
+    int64_t size = 1;
+    for (int i = start[g]; i < end; ++i) size *= dims[p[i]];
+    int rank = 0;  // place of this group in input order
+    for (int h = 0; h < groups; ++h) rank += first[h] < first[g];
+    c.perm[g] = rank;
+    c.in_dims[rank] = size;
+  }
+  return c;
+}
+
+// Tile edge of the blocked transpose: a tile of each side fits in L1.
+template <typename U> constexpr int64_t tile_edge() {
+  return sizeof(U) >= 16 ? 16 : sizeof(U) >= 8 ? 32 : 64;
+}
+
+template <typename U>
+void transpose_copy(const U* in, U* out, const Coalesced& c) {
+  int m = c.rank;
+  int64_t numel = 1, in_stride[kMaxRank], od[kMaxRank], is[kMaxRank], os[kMaxRank];
+  for (int k = m - 1; k >= 0; --k) in_stride[k] = numel, numel *= c.in_dims[k];
+  int64_t run = 1;
+  for (int i = m - 1; i >= 0; --i) {
+    od[i] = c.in_dims[c.perm[i]];
+    is[i] = in_stride[c.perm[i]];
+    os[i] = run;
+    run *= od[i];
+  }
+  if (c.perm[m - 1] == m - 1) {
+    // The input's last axis stays last: whole rows are copied.
+    int64_t len = od[m - 1], rows = numel / len;
+    parallel_for(rows, std::max<int64_t>(1, kParallelGrain / len), [&](int64_t b, int64_t e) {
+      for (int64_t w = b; w < e; ++w) {
+        int64_t src = 0, rest = w;
+        for (int i = m - 2; i >= 0; --i) src += (rest % od[i]) * is[i], rest /= od[i];
+        std::memcpy(out + w * len, in + src, size_t(len) * sizeof(U));
+      }
+    });
+    return;
+  }
+  // Tiles over output axis q (the input's last axis, contiguous in the input)
+  // and the output's last axis (contiguous in the output): reads and writes
+  // both stay within a few cache lines per tile.
+  int q = 0;
+  while (c.perm[q] != m - 1) ++q;
+  constexpr int64_t T = tile_edge<U>();
+  int64_t na = od[q], nb = od[m - 1], sa = os[q], sb = is[m - 1];
+  int64_t others = numel / (na * nb), atiles = (na + T - 1) / T;
+  parallel_for(others * atiles, std::max<int64_t>(1, kParallelGrain / (T * nb)), [&](int64_t b, int64_t e) {
+    for (int64_t w = b; w < e; ++w) {
+      int64_t a0 = (w % atiles) * T, a1 = std::min(a0 + T, na);
+      int64_t src = 0, dst = 0, rest = w / atiles;
+      for (int i = m - 2; i >= 0; --i) {
+        if (i == q) continue;
+        int64_t ci = rest % od[i];
+        rest /= od[i];
+        src += ci * is[i];
+        dst += ci * os[i];
+      }
+      for (int64_t b0 = 0; b0 < nb; b0 += T) {
+        int64_t b1 = std::min(b0 + T, nb);
+        for (int64_t a = a0; a < a1; ++a) {
+          const U* s = in + src + a;
+          U* d = out + dst + a * sa;
+          for (int64_t j = b0; j < b1; ++j) d[j] = s[j * sb];
+        }
+      }
+    }
+  });
+}
+
+template <typename U>
+TRAMEL_CLONES void reverse_copy(const U* in, U* out, int64_t n) {
+  for (int64_t i = 0; i < n; ++i) out[i] = in[n - 1 - i];
+}
+
+}  // namespace
+
+Tensor transpose(const Tensor& t, const std::vector<int64_t>& dims) {
+  const char* op = "transpose";
+  int ndim = t.ndim();
+  if (dims.size() != size_t(ndim))
+    fail(ErrorKind::Value, op, "dims " + list_str(dims) + " do not match the rank of shape " + t.shape().str());
+  int perm[kMaxRank];
+  bool seen[kMaxRank] = {};
+  int64_t out_dims[kMaxRank];
+  for (int i = 0; i < ndim; ++i) {
+    int a = int(wrap_axis(dims[size_t(i)], ndim, op, t.shape()));
+    if (seen[a]) fail(ErrorKind::Value, op, "axis " + std::to_string(dims[size_t(i)]) + " is repeated in dims " + list_str(dims));
+    seen[a] = true;
+    perm[i] = a;
+    out_dims[i] = t.shape()[a];
+  }
+  require_host_addressable(t.device(), op);
+  Tensor out = Tensor::empty(Shape(out_dims, ndim, op), t.dtype(), t.device(), op);
+  if (out.numel() == 0) return out;
+  Coalesced c = coalesce(t.shape(), perm, ndim);
+  if (c.rank <= 1) {  // the same element order
+    std::memcpy(out.raw(), t.raw(), t.nbytes());
+    return out;
+  }
+  dispatch_bits(t, op, [&](auto tag) {
+    using U = typename decltype(tag)::type;
+    transpose_copy(static_cast<const U*>(t.raw()), static_cast<U*>(out.raw()), c);
+  });
+  return out;
+}
+
+Tensor swapaxis(const Tensor& t, int64_t axis1, int64_t axis2) {
+  const char* op = "swapaxis";
+  int64_t a = wrap_axis(axis1, t.ndim(), op, t.shape()), b = wrap_axis(axis2, t.ndim(), op, t.shape());
+  std::vector<int64_t> perm(size_t(t.ndim()));
+  for (int i = 0; i < t.ndim(); ++i) perm[size_t(i)] = i;
+  std::swap(perm[size_t(a)], perm[size_t(b)]);
+  return transpose(t, perm);
+}
+
+Tensor flip(const Tensor& t, const std::vector<int64_t>& dims) {
+  const char* op = "flip";
+  int ndim = t.ndim();
+  bool flipped[kMaxRank] = {};
+  for (int64_t d : dims) {
+    int64_t a = wrap_axis(d, ndim, op, t.shape());
+    if (flipped[a]) fail(ErrorKind::Value, op, "axis " + std::to_string(d) + " is repeated in " + list_str(dims));
+    flipped[a] = true;
+  }
+  require_host_addressable(t.device(), op);
+  Tensor out = Tensor::empty(t.shape(), t.dtype(), t.device(), op);
+  if (out.numel() == 0) return out;
+  // Axes of length one drop out; neighbours flipped alike merge, since
+  // reversing both of two adjacent axes reverses their product.
+  int64_t d[kMaxRank];
+  bool f[kMaxRank];
+  int m = 0;
+  for (int i = 0; i < ndim; ++i) {
+    if (t.shape()[i] == 1) continue;
+    if (m > 0 && f[m - 1] == flipped[i]) d[m - 1] *= t.shape()[i];
+    else d[m] = t.shape()[i], f[m] = flipped[i], ++m;
+  }
+  bool any = false;
+  for (int i = 0; i < m; ++i) any = any || f[i];
+  if (!any) {
+    std::memcpy(out.raw(), t.raw(), t.nbytes());
+    return out;
+  }
+  dispatch_bits(t, op, [&](auto tag) {
+    using U = typename decltype(tag)::type;
+    const U* in = static_cast<const U*>(t.raw());
+    U* o = static_cast<U*>(out.raw());
+    int64_t len = d[m - 1], rows = out.numel() / len;
+    int64_t stride[kMaxRank], run = 1;
+    for (int i = m - 1; i >= 0; --i) stride[i] = run, run *= d[i];
+    parallel_for(rows, std::max<int64_t>(1, kParallelGrain / len), [&](int64_t b, int64_t e) {
+      for (int64_t w = b; w < e; ++w) {
+        int64_t src = 0, rest = w;
+        for (int i = m - 2; i >= 0; --i) {
+          int64_t ci = rest % d[i];
+          rest /= d[i];
+          src += (f[i] ? d[i] - 1 - ci : ci) * stride[i];
+        }
+        if (f[m - 1]) reverse_copy(in + src, o + w * len, len);
+        else std::memcpy(o + w * len, in + src, size_t(len) * sizeof(U));
+      }
+    });
+  });
+  return out;
+}
+
+}  // namespace tramel
