@@ -1,0 +1,296 @@
+// What the axis reductions share: the plan of an axes list, contiguous sums
+// of runs, and the pass driver. Included by kernel files only.
+//
+// Note [reduction layout]
+// An axis reduction never strides through memory in its innermost loop. A
+// run of adjacent reduced axes makes the tensor an [outer, r, inner] block:
+// with inner == 1 each output element reduces one contiguous row of r
+// (lanes of independent accumulators, so the loop vectorises); with
+// inner > 1 whole rows of `inner` are folded into an output row, four input
+// rows at a time, in column blocks of at most 64 KiB of output. Several runs are reduced one after another when
+// the operation is associative (sum, min, max); otherwise the reduced axes
+// are first moved to the end by a blocked transpose (var, median).
+#pragma once
+#include <algorithm>
+#include <vector>
+
+#include "core/kernels/loops.h"
+
+namespace tramel {
+namespace {
+
+template <typename T> using acc_t = std::conditional_t<std::is_integral_v<T>, int64_t, T>;
+
+// Sums of integers and bools are int64.
+DType sum_dtype(DType d) { return is_integral(d) || d == DType::Bool ? DType::Int64 : d; }
+
+// Columns per block of the passes that keep per-column scratch (var, cumsum).
+constexpr int64_t kColumnBlock = 2048;
+
+struct Plan {
+  Shape out;  // shape of the result
+  bool reduced[kMaxRank] = {};
+  int64_t count = 1;  // elements per output element
+};
+
+Plan plan_axes(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, const char* op) {
+  Plan p;
+  int ndim = t.ndim();
+  for (int64_t axis : axes) {
+    int64_t a = wrap_axis(axis, ndim, op, t.shape());
+    if (p.reduced[a])
+      fail(ErrorKind::Value, op, "axis " + std::to_string(axis) + " is repeated for shape " + t.shape().str());
+    p.reduced[a] = true;
+  }
+  int64_t dims[kMaxRank];
+  int rank = 0;
+  for (int i = 0; i < ndim; ++i) {
+    if (p.reduced[i]) {
+      p.count *= t.shape()[i];
+      if (keepdims) dims[rank++] = 1;
+    } else {
+      dims[rank++] = t.shape()[i];
+    }
+  }
+  p.out = Shape(dims, rank, op);
+  return p;
+}
+
+Plan plan_all(const Tensor& t, const char* op) {
+  std::vector<int64_t> all(size_t(t.ndim()));
+  for (int i = 0; i < t.ndim(); ++i) all[size_t(i)] = i;
+  return plan_axes(t, all, false, op);
+}
+
+// The result of a reduction over all elements has shape [1].
+Tensor one_element(const Tensor& t, const char* op) {
+  int64_t one = 1;
+  return t.view_as(Shape(&one, 1, op));
+}
+
+// The reduced axes as one trailing run: t itself when they already are,
+// otherwise a transposed copy. Sets outer and r of the [outer, r] layout.
+Tensor reduced_last(const Tensor& t, const Plan& p, int64_t* outer, int64_t* r) {
+  std::vector<int64_t> perm;
+  for (int i = 0; i < t.ndim(); ++i)
+    if (!p.reduced[i]) perm.push_back(i);
+  *outer = 1;
+  for (int64_t i : perm) *outer *= t.shape()[int(i)];
+  *r = p.count;
+  bool in_order = true;
+  for (size_t i = 0; i < perm.size(); ++i) in_order = in_order && perm[i] == int64_t(i);
+  if (in_order) return t;
+  for (int i = 0; i < t.ndim(); ++i)
+    if (p.reduced[i]) perm.push_back(i);
+  return transpose(t, perm);
+}
+
+// ---- contiguous sums ----
+
+// Sum of a contiguous run, in blocks: each block sums into many independent
+// lanes (vectorised, no reassociation needed), and the block totals add up in
+// double, which keeps float32 sums accurate to a few ulp of the exact sum.
+constexpr int64_t kSumBlock = 4096;
+
+template <typename R>
+TRAMEL_CLONES void block_sum_real(const R* x, int64_t n, double* even, double* odd) {
+  constexpr int L = 128 / sizeof(R);  // four 256-bit registers of lanes
+  R acc[L] = {};
+  int64_t i = 0;
+  for (; i + L <= n; i += L)
+    for (int j = 0; j < L; ++j) acc[j] += x[i + j];
+  double e = 0, o = 0;
+  for (int j = 0; j < L; j += 2) e += double(acc[j]), o += double(acc[j + 1]);
+  // The lane count is even, so lane parity is element parity: complex
+  // numbers keep their real parts in even lanes and imaginary parts in odd.
+  for (; i < n; ++i) ((i & 1) ? o : e) += double(x[i]);
+  *even = e;
+  *odd = o;
+}
+
+// Sum of (x[i] - m[i % 2])^2 over a run of reals: the squared deviations of
+// real elements (m[0] == m[1]) or of complex ones seen as pairs of reals.
+template <typename R>
+TRAMEL_CLONES double block_sq_dev(const R* x, int64_t n, R m_even, R m_odd) {
+  constexpr int L = 128 / sizeof(R);
+  R acc[L] = {}, m[L];
+  for (int j = 0; j < L; ++j) m[j] = (j & 1) ? m_odd : m_even;
+  int64_t i = 0;
+  for (; i + L <= n; i += L)
+    for (int j = 0; j < L; ++j) {
+      R d = x[i + j] - m[j];
+      acc[j] += d * d;
+    }
+  double s = 0;
+  for (int j = 0; j < L; ++j) s += double(acc[j]);
+  for (; i < n; ++i) {
+    double d = double(x[i]) - double((i & 1) ? m_odd : m_even);
+    s += d * d;
+  }
+  return s;
+}
+
+template <typename T>
+TRAMEL_CLONES int64_t block_sum_int(const T* x, int64_t n) {
+  int64_t s = 0;
+  for (int64_t i = 0; i < n; ++i) s += int64_t(x[i]);
+  return s;
+}
+
+// Calls body(k, block_begin, block_len) for the kSumBlock-sized blocks of
+// [0, n), over threads when `parallel`; `part` gets one slot per block.
+template <typename P, typename F>
+void for_blocks(int64_t n, int64_t block, bool parallel, std::vector<P>& heap, P* stack, size_t stack_len,
+                P** part, F&& body) {
+  int64_t blocks = (n + block - 1) / block;
+  size_t need = size_t(blocks ? blocks : 1) * 2;
+  if (need <= stack_len) {
+    *part = stack;
+  } else {
+    heap.assign(need, P());
+    *part = heap.data();
+  }
+  std::fill(*part, *part + need, P());
+  auto run = [&](int64_t b, int64_t e) {
+    for (int64_t k = b; k < e; ++k) body(k, k * block, std::min(block, n - k * block));
+  };
+  if (parallel) parallel_for(blocks, 16, run);
+  else run(0, blocks);
+}
+
+// Sum of n contiguous elements of T, as acc_t<T>; parallel when `parallel`.
+template <typename T>
+acc_t<T> sum_run(const T* x, int64_t n, bool parallel) {
+  using A = acc_t<T>;
+  if constexpr (std::is_integral_v<T>) {
+    int64_t stack[64], *part;
+    std::vector<int64_t> heap;
+    for_blocks(n, kSumBlock, parallel, heap, stack, 64, &part,
+               [&](int64_t k, int64_t b, int64_t len) { part[k] = block_sum_int(x + b, len); });
+    int64_t s = 0;
+    for (int64_t k = 0; k * kSumBlock < n; ++k) s += part[k];
+    return A(s);
+  } else {
+    using R = fn::real_of_t<T>;
+    constexpr int64_t per = is_complex_v<T> ? 2 : 1;
+    const R* r = reinterpret_cast<const R*>(x);
+    double stack[64], *part;
+    std::vector<double> heap;
+    int64_t nr = n * per;
+    for_blocks(nr, kSumBlock * per, parallel, heap, stack, 64, &part, [&](int64_t k, int64_t b, int64_t len) {
+      block_sum_real(r + b, len, &part[2 * k], &part[2 * k + 1]);
+    });
+    double e = 0, o = 0;
+    for (int64_t k = 0; k * kSumBlock * per < nr; ++k) e += part[2 * k], o += part[2 * k + 1];
+    if constexpr (is_complex_v<T>) return T(R(e), R(o));
+    else return T(e + o);
+  }
+}
+
+// Sum of |x[i] - m|^2 over n contiguous floating or complex elements.
+template <typename T>
+double sq_dev_run(const T* x, int64_t n, T m, bool parallel) {
+  using R = fn::real_of_t<T>;
+  constexpr int64_t per = is_complex_v<T> ? 2 : 1;
+  const R* r = reinterpret_cast<const R*>(x);
+  R me, mo;
+  if constexpr (is_complex_v<T>) me = m.real(), mo = m.imag();
+  else me = mo = m;
+  double stack[64], *part;
+  std::vector<double> heap;
+  int64_t nr = n * per;
+  for_blocks(nr, kSumBlock * per, parallel, heap, stack, 64, &part,
+             [&](int64_t k, int64_t b, int64_t len) { part[k] = block_sq_dev(r + b, len, me, mo); });
+  double s = 0;
+  for (int64_t k = 0; k * kSumBlock * per < nr; ++k) s += part[k];
+  return s;
+}
+
+// ---- folds of whole rows (inner > 1) ----
+
+// dst[i] = f(...f(A(x[i]), A(x[stride + i]))..., A(x[(r-1) stride + i])) for
+// i < n; r >= 1. The loops run along rows, so they vectorise; four rows at a
+// time keep the loads and stores of dst to a quarter.
+template <typename In, typename A, typename F>
+TRAMEL_CLONES void fold_rows(const In* x, A* dst, int64_t r, int64_t stride, int64_t n, F f) {
+  for (int64_t i = 0; i < n; ++i) dst[i] = A(x[i]);
+  int64_t k = 1;
+  for (; k + 4 <= r; k += 4) {
+    const In *s0 = x + k * stride, *s1 = s0 + stride, *s2 = s1 + stride, *s3 = s2 + stride;
+    for (int64_t i = 0; i < n; ++i) dst[i] = f(f(f(f(dst[i], A(s0[i])), A(s1[i])), A(s2[i])), A(s3[i]));
+  }
+  for (; k < r; ++k) {
+    const In* s = x + k * stride;
+    for (int64_t i = 0; i < n; ++i) dst[i] = f(dst[i], A(s[i]));
+  }
+}
+
+// Columns per block of an [outer, r, inner] fold: long rows stream best, so
+// blocks are as wide as 64 KiB of output allows, but narrower when there
+// are too few of them to share among the threads.
+template <typename A>
+int64_t column_block(int64_t outer, int64_t r, int64_t inner) {
+  int64_t block = std::min<int64_t>(inner, (int64_t(64) << 10) / int64_t(sizeof(A)));
+  int64_t threads = get_num_threads();
+  if (threads > 1 && r * inner > kParallelGrain && outer * ((inner + block - 1) / block) < 2 * threads)
+    block = std::max<int64_t>(256, (inner + 2 * threads - 1) / (2 * threads));
+  return block;
+}
+
+// out[o, i] = fold over k of x[o, k, i] for an [outer, r, inner] block with
+// inner > 1 and r >= 1, split over threads by outer rows and column blocks.
+template <typename In, typename A, typename F>
+void fold_columns(const In* x, A* out, int64_t outer, int64_t r, int64_t inner, F f) {
+  int64_t block = column_block<A>(outer, r, inner), cblocks = (inner + block - 1) / block;
+  int64_t grain = std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(r * block, 1));
+  parallel_for(outer * cblocks, grain, [&](int64_t b, int64_t e) {
+    for (int64_t w = b; w < e; ++w) {
+      int64_t o = w / cblocks, c = (w % cblocks) * block;
+      fold_rows(x + o * r * inner + c, out + o * inner + c, r, inner, std::min(block, inner - c), f);
+    }
+  });
+}
+
+// ---- the pass driver ----
+
+// Reduces the runs of adjacent reduced axes one after another, from the last
+// run to the first: pass(cur, next, outer, r, inner) writes `next`, a tensor
+// of `out_dtype`. When nothing is reduced the result is to_dtype(t) copied.
+template <typename Pass>
+Tensor reduce_runs(const Tensor& t, const Plan& p, DType out_dtype, const char* op, Pass&& pass) {
+  int64_t dims[kMaxRank];
+  bool red[kMaxRank];
+  int rank = t.ndim();
+  for (int i = 0; i < rank; ++i) dims[i] = t.shape()[i], red[i] = p.reduced[i];
+  Tensor cur = t;
+  bool reduced_any = false;
+  for (int end = rank; end > 0;) {
+    if (!red[end - 1]) {
+      --end;
+      continue;
+    }
+    int begin = end;
+    while (begin > 0 && red[begin - 1]) --begin;
+    int64_t outer = 1, r = 1, inner = 1;
+    for (int i = 0; i < begin; ++i) outer *= dims[i];
+    for (int i = begin; i < end; ++i) r *= dims[i];
+    for (int i = end; i < rank; ++i) inner *= dims[i];
+    int64_t next_dims[kMaxRank];
+    bool next_red[kMaxRank];
+    int next_rank = 0;
+    for (int i = 0; i < rank; ++i)
+      if (i < begin || i >= end) next_dims[next_rank] = dims[i], next_red[next_rank++] = red[i];
+    Tensor next = Tensor::empty(Shape(next_dims, next_rank, op), out_dtype, t.device(), op);
+    if (next.numel() > 0) pass(cur, next, outer, r, inner);
+    for (int i = 0; i < next_rank; ++i) dims[i] = next_dims[i], red[i] = next_red[i];
+    rank = next_rank;
+    end = begin;
+    cur = next;
+    reduced_any = true;
+  }
+  if (!reduced_any) cur = to_dtype(t, out_dtype, true);  // nothing reduced: a copy
+  return cur.view_as(p.out);
+}
+
+}  // namespace
+}  // namespace tramel
