@@ -1,0 +1,346 @@
+// Extrema, medians, variances and running sums over axes. The loop layout
+// is that of the sums (Note [reduction layout]).
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "core/kernels/reduce_loops.h"
+
+namespace tramel {
+namespace {
+
+// ---- min and max ----
+
+// numpy's rule, a NaN on either side wins (m keeps a NaN a, the second
+// select a NaN b). Two plain selects: the vector clones of chains of these
+// run near memory speed, those of fn::Maximum's `||` at half of it.
+template <bool Max>
+struct Extremum {
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const {
+    T m = (Max ? b > a : b < a) ? b : a;
+    return fn::isnan_v(b) ? b : m;
+  }
+};
+
+// f folded over n >= 1 contiguous elements, in independent lanes so that
+// the loop vectorises. Extremum lets a NaN win, so a NaN anywhere reaches
+// the result.
+template <typename T, typename F>
+TRAMEL_CLONES T fold_lanes(const T* x, int64_t n, F f) {
+  constexpr int L = 128 / sizeof(T) > 0 ? 128 / sizeof(T) : 1;
+  int64_t i = 0;
+  T r = x[0];
+  if (n >= L) {
+    T acc[L];
+    for (int j = 0; j < L; ++j) acc[j] = x[j];
+    for (i = L; i + L <= n; i += L)
+      for (int j = 0; j < L; ++j) acc[j] = f(acc[j], x[i + j]);
+    for (int j = 0; j < L; ++j) r = f(r, acc[j]);
+  }
+  for (; i < n; ++i) r = f(r, x[i]);
+  return r;
+}
+
+template <typename T, typename F>
+T fold_run(const T* x, int64_t n, F f) {
+  if (n <= kParallelGrain) return fold_lanes(x, n, f);
+  constexpr int64_t kChunk = kParallelGrain;
+  int64_t chunks = (n + kChunk - 1) / kChunk;
+  std::unique_ptr<T[]> part(new T[size_t(chunks)]);
+  parallel_for(chunks, 1, [&](int64_t b, int64_t e) {
+    for (int64_t k = b; k < e; ++k) part[k] = fold_lanes(x + k * kChunk, std::min(kChunk, n - k * kChunk), f);
+  });
+  return fold_lanes(part.get(), chunks, f);
+}
+
+template <typename T, typename F>
+void extremum_pass(const T* x, T* out, int64_t outer, int64_t r, int64_t inner, F f) {
+  if (inner > 1) {
+    fold_columns(x, out, outer, r, inner, f);
+  } else if (outer == 1) {
+    out[0] = fold_run(x, r, f);
+  } else {
+    parallel_for(outer, std::max<int64_t>(1, kParallelGrain / r), [&](int64_t b, int64_t e) {
+      for (int64_t o = b; o < e; ++o) out[o] = fold_lanes(x + o * r, r, f);
+    });
+  }
+}
+
+template <bool Max>
+Tensor extremum(const Tensor& t, const Plan& p) {
+  const char* op = Max ? "max" : "min";
+  check_operands(op, t);
+  if (is_complex(t.dtype())) fail_dtype(op, t.dtype());
+  if (p.count == 0)
+    fail(ErrorKind::Value, op, "cannot reduce an empty axis of shape " + t.shape().str() + ": there is no identity");
+  return reduce_runs(t, p, t.dtype(), op, [&](const Tensor& cur, Tensor& next, int64_t outer, int64_t r,
+                                               int64_t inner) {
+    dispatch<kRealTypes>(cur.dtype(), op, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      extremum_pass(cur.data<T>(), next.data<T>(), outer, r, inner, Extremum<Max>{});
+    });
+  });
+}
+
+// ---- variance and standard deviation ----
+
+// acc[i] = sum_k (x[k stride + i] - mean[i])^2 for i < n.
+template <typename R>
+TRAMEL_CLONES void sq_dev_rows(const R* x, const R* mean, R* acc, int64_t r, int64_t stride, int64_t n) {
+  for (int64_t i = 0; i < n; ++i) acc[i] = R(0);
+  for (int64_t k = 0; k < r; ++k) {
+    const R* s = x + k * stride;
+    for (int64_t i = 0; i < n; ++i) {
+      R d = s[i] - mean[i];
+      acc[i] += d * d;
+    }
+  }
+}
+
+// Squared deviations summed per output element, divided by `divisor`, for an
+// [outer, r, inner] block of T with r >= 1. Complex elements are pairs of
+// reals: |z - m|^2 is the sum of both parts' squared deviations.
+template <bool Sqrt, typename T, typename R = fn::real_of_t<T>>
+void spread_pass(const T* x, R* out, int64_t outer, int64_t r, int64_t inner, double divisor) {
+  auto finish = [divisor](double sq) { return R(Sqrt ? std::sqrt(sq / divisor) : sq / divisor); };
+  if (inner == 1) {
+    auto row = [&](int64_t o, bool parallel) {
+      T m = sum_run(x + o * r, r, parallel);
+      if constexpr (is_complex_v<T>) m = T(m.real() / R(r), m.imag() / R(r));
+      else m = T(m / T(r));
+      out[o] = finish(sq_dev_run(x + o * r, r, m, parallel));
+    };
+    if (outer == 1) row(0, true);
+    else
+      parallel_for(outer, std::max<int64_t>(1, kParallelGrain / r), [&](int64_t b, int64_t e) {
+        for (int64_t o = b; o < e; ++o) row(o, false);
+      });
+    return;
+  }
+  constexpr int64_t per = is_complex_v<T> ? 2 : 1;
+  const R* xr = reinterpret_cast<const R*>(x);
+  int64_t width = inner * per, cblocks = (width + kColumnBlock - 1) / kColumnBlock;
+  int64_t grain = std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(r * std::min(width, kColumnBlock), 1));
+  parallel_for(outer * cblocks, grain, [&](int64_t b, int64_t e) {
+    std::vector<R> mean(static_cast<size_t>(kColumnBlock)), acc(static_cast<size_t>(kColumnBlock));
+    for (int64_t w = b; w < e; ++w) {
+      int64_t o = w / cblocks, c = (w % cblocks) * kColumnBlock, n = std::min(kColumnBlock, width - c);
+      const R* base = xr + o * r * width + c;
+      fold_rows(base, mean.data(), r, width, n, fn::Add{});
+      for (int64_t i = 0; i < n; ++i) mean[size_t(i)] /= R(r);
+      sq_dev_rows(base, mean.data(), acc.data(), r, width, n);
+      R* dst = out + (o * width + c) / per;
+      for (int64_t i = 0; i < n / per; ++i)
+        dst[i] = finish(per == 2 ? double(acc[size_t(2 * i)]) + double(acc[size_t(2 * i + 1)]) : double(acc[size_t(i)]));
+    }
+  });
+}
+
+DType real_dtype(DType d) {
+  return d == DType::Complex64 ? DType::Float32 : d == DType::Complex128 ? DType::Float64 : d;
+}
+
+// Whether the reduced axes of p form one run; sets its [outer, r, inner].
+bool one_run(const Tensor& t, const Plan& p, int64_t* outer, int64_t* r, int64_t* inner) {
+  int first = -1, last = -1;
+  for (int i = 0; i < t.ndim(); ++i)
+    if (p.reduced[i]) {
+      if (first < 0) first = i;
+      else if (last != i - 1) return false;
+      last = i;
+    }
+  *outer = *r = *inner = 1;
+  for (int i = 0; i < t.ndim(); ++i)
+    (i < first ? *outer : i <= last ? *r : *inner) *= t.shape()[i];
+  return true;
+}
+
+template <bool Sqrt>
+Tensor spread(const Tensor& t, const Plan& p, bool unbiased) {
+  const char* op = Sqrt ? "std" : "var";
+  check_operands(op, t);
+  Tensor x = to_dtype(t, floating_compute(t.dtype()), false);
+  Tensor out = Tensor::empty(p.out, real_dtype(x.dtype()), t.device(), op);
+  if (out.numel() == 0) return out;
+  if (p.count == 0) {  // no elements: 0 / 0, as numpy
+    fill_(out, Scalar::from_double(std::numeric_limits<double>::quiet_NaN()));
+    return out;
+  }
+  int64_t outer, r, inner;
+  if (!one_run(x, p, &outer, &r, &inner)) {
+    x = reduced_last(x, p, &outer, &r);
+    inner = 1;
+  }
+  double divisor = double(std::max<int64_t>(p.count - (unbiased ? 1 : 0), 0));
+  dispatch<kFloatingTypes | kComplexTypes>(x.dtype(), op, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    spread_pass<Sqrt>(x.data<T>(), out.data<fn::real_of_t<T>>(), outer, r, inner, divisor);
+  });
+  return out;
+}
+
+// ---- median ----
+
+// The median of a row of n >= 1 elements, reordering it: the middle element,
+// or for an even count the mean of the two middle ones; NaN when a NaN is
+// present. Integers and bools average in double.
+template <typename T>
+auto row_median(T* row, int64_t n) {
+  using V = std::conditional_t<std::is_floating_point_v<T>, T, double>;
+  if constexpr (std::is_floating_point_v<T>)
+    for (int64_t i = 0; i < n; ++i)
+      if (row[i] != row[i]) return row[i];
+  int64_t k = (n - 1) / 2;
+  std::nth_element(row, row + k, row + n);
+  V lo = V(row[k]);
+  if (n % 2) return lo;
+  V hi = V(*std::min_element(row + k + 1, row + n));
+  return V((lo + hi) / V(2));
+}
+
+Tensor median_of(const Tensor& t, const Plan& p) {
+  const char* op = "median";
+  check_operands(op, t);
+  if (is_complex(t.dtype())) fail_dtype(op, t.dtype());
+  Tensor out = Tensor::empty(p.out, is_floating(t.dtype()) ? t.dtype() : default_dtype(), t.device(), op);
+  if (out.numel() == 0) return out;
+  if (p.count == 0) {  // the median of nothing, as numpy
+    fill_(out, Scalar::from_double(std::numeric_limits<double>::quiet_NaN()));
+    return out;
+  }
+  int64_t outer, r;
+  Tensor work = reduced_last(t, p, &outer, &r);
+  if (work.storage() == t.storage()) work = to_device(t, t.device(), op);  // reordered in place below
+  dispatch<kRealTypes>(t.dtype(), op, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    T* w = work.data<T>();
+    dispatch<kFloatingTypes>(out.dtype(), op, [&](auto otag) {
+      using O = typename decltype(otag)::type;
+      O* o = out.data<O>();
+      parallel_for(outer, std::max<int64_t>(1, kParallelGrain / r), [&](int64_t b, int64_t e) {
+        for (int64_t i = b; i < e; ++i) o[i] = O(row_median(w + i * r, r));
+      });
+    });
+  });
+  return out;
+}
+
+// ---- running sums ----
+
+template <typename A>
+TRAMEL_CLONES void add_constant(A* x, int64_t n, A v) {
+  for (int64_t i = 0; i < n; ++i) x[i] = fn::Add{}(x[i], v);
+}
+
+// Running sums of one contiguous row of n, from its end when Rev. A single
+// chain of additions would wait on the adder's latency for every element, so
+// each block is cut into K segments scanned side by side from zero; the
+// segments' offsets are added afterwards, while the block is still in L1.
+template <bool Rev, typename In, typename A>
+void scan_row(const In* x, A* out, int64_t n) {
+  constexpr int K = 8;
+  constexpr int64_t kBlock = 4096;
+  // Element p of the scan order lives at position at(p).
+  auto at = [n](int64_t p) { return Rev ? n - 1 - p : p; };
+  A carry = A(0);
+  for (int64_t b = 0; b < n; b += kBlock) {
+    int64_t len = std::min(kBlock, n - b), m = len / K;
+    A acc[K] = {};
+    for (int64_t i = 0; i < m; ++i)
+      for (int j = 0; j < K; ++j) {
+        int64_t q = at(b + j * m + i);
+        acc[j] = fn::Add{}(acc[j], A(x[q]));
+        out[q] = acc[j];
+      }
+    for (int j = 0; j < K && m > 0; ++j) {
+      // Segment j covers scan positions [b + j m, b + (j + 1) m).
+      int64_t lo = Rev ? at(b + (j + 1) * m - 1) : at(b + j * m);
+      add_constant(out + lo, m, carry);
+      carry = fn::Add{}(carry, acc[j]);
+    }
+    for (int64_t p = b + K * m; p < b + len; ++p) {
+      carry = fn::Add{}(carry, A(x[at(p)]));
+      out[at(p)] = carry;
+    }
+  }
+}
+
+// out[k, i] = running sum over rows up to k (from row r - 1 down when Rev),
+// for i < n; rows `stride` apart. Each step adds a whole row: it vectorises.
+template <bool Rev, typename In, typename A>
+TRAMEL_CLONES void scan_rows(const In* x, A* out, int64_t r, int64_t stride, int64_t n) {
+  for (int64_t s = 0; s < r; ++s) {
+    int64_t k = Rev ? r - 1 - s : s;
+    const In* src = x + k * stride;
+    A* dst = out + k * stride;
+    if (s == 0) {
+      for (int64_t i = 0; i < n; ++i) dst[i] = A(src[i]);
+    } else {
+      const A* prev = dst + (Rev ? stride : -stride);
+      for (int64_t i = 0; i < n; ++i) dst[i] = fn::Add{}(prev[i], A(src[i]));
+    }
+  }
+}
+
+template <bool Rev>
+Tensor running_sum(const Tensor& t, int64_t axis, const char* op) {
+  check_operands(op, t);
+  // A rank-0 tensor has the one implicit axis of its one element.
+  int64_t a = wrap_axis(axis, std::max(t.ndim(), 1), op, t.shape());
+  Tensor out = Tensor::empty(t.shape(), sum_dtype(t.dtype()), t.device(), op);
+  if (out.numel() == 0) return out;
+  int64_t outer = 1, r = t.ndim() ? t.shape()[int(a)] : 1, inner = 1;
+  for (int i = 0; i < a; ++i) outer *= t.shape()[i];
+  for (int i = int(a) + 1; i < t.ndim(); ++i) inner *= t.shape()[i];
+  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
+    using In = typename decltype(tag)::type;
+    using A = acc_t<In>;
+    const In* x = t.data<In>();
+    A* o = out.data<A>();
+    if (inner == 1) {
+      parallel_for(outer, std::max<int64_t>(1, kParallelGrain / r), [&](int64_t b, int64_t e) {
+        for (int64_t k = b; k < e; ++k) scan_row<Rev>(x + k * r, o + k * r, r);
+      });
+      return;
+    }
+    int64_t cblocks = (inner + kColumnBlock - 1) / kColumnBlock;
+    int64_t grain = std::max<int64_t>(1, kParallelGrain / (r * std::min(inner, kColumnBlock)));
+    parallel_for(outer * cblocks, grain, [&](int64_t b, int64_t e) {
+      for (int64_t w = b; w < e; ++w) {
+        int64_t k = w / cblocks, c = (w % cblocks) * kColumnBlock;
+        scan_rows<Rev>(x + k * r * inner + c, o + k * r * inner + c, r, inner, std::min(kColumnBlock, inner - c));
+      }
+    });
+  });
+  return out;
+}
+
+}  // namespace
+
+Tensor min(const Tensor& t) { return one_element(extremum<false>(t, plan_all(t, "min")), "min"); }
+Tensor min(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
+  return extremum<false>(t, plan_axes(t, axes, keepdims, "min"));
+}
+Tensor max(const Tensor& t) { return one_element(extremum<true>(t, plan_all(t, "max")), "max"); }
+Tensor max(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
+  return extremum<true>(t, plan_axes(t, axes, keepdims, "max"));
+}
+
+Tensor median(const Tensor& t) { return one_element(median_of(t, plan_all(t, "median")), "median"); }
+Tensor median(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
+  return median_of(t, plan_axes(t, axes, keepdims, "median"));
+}
+
+Tensor var(const Tensor& t, bool unbiased) { return one_element(spread<false>(t, plan_all(t, "var"), unbiased), "var"); }
+Tensor var(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased) {
+  return spread<false>(t, plan_axes(t, axes, keepdims, "var"), unbiased);
+}
+Tensor std(const Tensor& t, bool unbiased) { return one_element(spread<true>(t, plan_all(t, "std"), unbiased), "std"); }
+Tensor std(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased) {
+  return spread<true>(t, plan_axes(t, axes, keepdims, "std"), unbiased);
+}
+
+Tensor cumsum(const Tensor& t, int64_t axis) { return running_sum<false>(t, axis, "cumsum"); }
+Tensor cumsum_grad(const Tensor& g, int64_t axis) { return running_sum<true>(g, axis, "cumsumgrad"); }
+
+}  // namespace tramel
