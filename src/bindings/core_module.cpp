@@ -11,6 +11,7 @@ void init_tensor_class(nb::module_& m);
 void init_tramel_functions(nb::module_& m);
 void init_elementwise(nb::module_& m);
 void init_shape(nb::module_& m);
+void init_reduce(nb::module_& m);
 
 namespace {
 
@@ -68,4 +69,5 @@ NB_MODULE(_core, m) {
   init_tramel_functions(m);
   init_elementwise(m);
   init_shape(m);
+  init_reduce(m);
 }

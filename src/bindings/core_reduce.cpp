@@ -1,0 +1,60 @@
+// Reductions of _core.Tensor (sums, means, extrema, medians, spreads) and the
+// running sums of _core.tramel. Convert, call, return.
+#include <nanobind/nanobind.h>
+
+#include "bindings/interop.h"
+
+namespace nb = nanobind;
+using namespace tramel;
+
+namespace {
+
+using AxesFn = Tensor (*)(const Tensor&, const std::vector<int64_t>&, bool);
+using AllFn = Tensor (*)(const Tensor&);
+using SpreadAxesFn = Tensor (*)(const Tensor&, const std::vector<int64_t>&, bool, bool);
+using SpreadAllFn = Tensor (*)(const Tensor&, bool);
+
+void def_reduction(nb::class_<Tensor>& cls, const char* name, AllFn all, AxesFn axes) {
+  cls.def(name, [all](const Tensor& t) { return py::unlocked(all, t); });
+  cls.def(name, [axes, name](const Tensor& t, nb::handle dims, bool keepdims) {
+    return py::unlocked(axes, t, py::ints_arg(dims, name, "axes"), keepdims);
+  }, nb::arg("axes"), nb::arg("keepdims") = false);
+}
+
+// Python's truth value of any object.
+bool truth(nb::handle h) {
+  int v = PyObject_IsTrue(h.ptr());
+  if (v < 0) nb::raise_python_error();
+  return v == 1;
+}
+
+// `unbiased` is taken with Python's truthiness, whatever object it is.
+void def_spread(nb::class_<Tensor>& cls, const char* name, SpreadAllFn all, SpreadAxesFn axes) {
+  cls.def(name, [all](const Tensor& t, nb::handle unbiased) { return py::unlocked(all, t, truth(unbiased)); },
+          nb::arg("unbiased"));
+  cls.def(name, [axes, name](const Tensor& t, nb::handle dims, bool keepdims, nb::handle unbiased) {
+    return py::unlocked(axes, t, py::ints_arg(dims, name, "axes"), keepdims, truth(unbiased));
+  }, nb::arg("axes"), nb::arg("keepdims"), nb::arg("unbiased"));
+}
+
+}  // namespace
+
+void init_reduce(nb::module_& m) {
+  auto cls = nb::borrow<nb::class_<Tensor>>(m.attr("Tensor"));
+  nb::module_ tr = nb::borrow<nb::module_>(m.attr("tramel"));
+
+  def_reduction(cls, "sum", sum, sum);
+  def_reduction(cls, "mean", mean, mean);
+  def_reduction(cls, "min", min, min);
+  def_reduction(cls, "max", max, max);
+  def_reduction(cls, "median", median, median);
+  def_spread(cls, "var", var, var);
+  def_spread(cls, "std", tramel::std, tramel::std);
+
+  tr.def("cumsum", [](const Tensor& t, nb::handle axis) {
+    return py::unlocked(cumsum, t, py::int_arg(axis, "cumsum", "axis"));
+  }, nb::arg("data"), nb::arg("axis"));
+  tr.def("cumsumgrad", [](const Tensor& g, nb::handle axis) {
+    return py::unlocked(cumsum_grad, g, py::int_arg(axis, "cumsumgrad", "axis"));
+  }, nb::arg("g"), nb::arg("axis"));
+}
