@@ -31,10 +31,10 @@ bool truth(nb::handle h) {
 // `unbiased` is taken with Python's truthiness, whatever object it is.
 void def_spread(nb::class_<Tensor>& cls, const char* name, SpreadAllFn all, SpreadAxesFn axes) {
   cls.def(name, [all](const Tensor& t, nb::handle unbiased) { return py::unlocked(all, t, truth(unbiased)); },
-          nb::arg("unbiased"));
+          nb::arg("unbiased").none());
   cls.def(name, [axes, name](const Tensor& t, nb::handle dims, bool keepdims, nb::handle unbiased) {
     return py::unlocked(axes, t, py::ints_arg(dims, name, "axes"), keepdims, truth(unbiased));
-  }, nb::arg("axes"), nb::arg("keepdims"), nb::arg("unbiased"));
+  }, nb::arg("axes"), nb::arg("keepdims"), nb::arg("unbiased").none());
 }
 
 }  // namespace
