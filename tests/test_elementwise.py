@@ -12,6 +12,7 @@ from pytramel.tensor import tensor as tt
 from pytramel.tensor.tensor import QTensor
 
 from conftest import GPU0, numeric_grad
+from test_reduce_shape import EXTREMES, SPREAD
 
 F32, F64, C128, I64 = np.float32, np.float64, np.complex128, np.int64
 REAL, ALL_FLOAT = (F32, F64), (F32, F64, C128)
@@ -93,7 +94,7 @@ def grad_close(actual, expected):
 
 def test_every_table_row_has_a_test_entry():
     tested = {"arithmetic": ARITHMETIC, "unary": UNARY, "compare": COMPARE,
-              "classify": CLASSIFY, "extrema": EXTREMA}
+              "classify": CLASSIFY, "extrema": EXTREMA, "extremes": EXTREMES, "spread": SPREAD}
     for family, names in tt._operator_tables.items():
         assert set(names) == set(tested[family]), family
 

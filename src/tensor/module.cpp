@@ -42,5 +42,9 @@ NB_MODULE(tensor, m) {
   init_compare(m);
   init_extrema(m);
   init_sum_mean(m);
+  init_spread(m);
+  init_extremes(m);
+  init_reshape(m, cls);
+  init_tile(m);
   init_operator_tables(m);
 }

@@ -34,6 +34,11 @@ nb::object edge(nb::handle input, FnGrad* grad, const LazyLabel& label) {
   return make_graphnode(input, df, label);
 }
 
+nb::object edge(nb::handle input, FnGrad* grad, const std::string& name) {
+  nb::object df = nb::cast(static_cast<GradFn*>(grad), nb::rv_policy::take_ownership);
+  return make_graphnode(input, df, nb::str(name.c_str()));
+}
+
 nb::object make_leaf_result(Tensor data, std::initializer_list<nb::handle> inputs) {
   return make_result(std::move(data), inputs, [](int) { return nb::object(); });
 }

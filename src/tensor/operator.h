@@ -42,11 +42,13 @@ class FnGrad final : public GradFn {
   int which() const { return which_; }
   // The engine tensor of held object i: a QTensor's data, or a _core.Tensor.
   const Tensor& data(int i) const;
+  nb::handle held(int i) const { return held_[i]; }
   // The engine tensor of held QTensor i's grad (read when the gradient runs).
   const Tensor& grad_data(int i) const;
 
-  std::vector<int64_t> axes;  // reduction axes (log_softmax, sums, mean)
+  std::vector<int64_t> axes;  // axes, permutations, repeats (empty: all axes)
   double bounds[2] = {0, 0};  // clip
+  bool flag = false;          // unbiased (std, var)
 
  private:
   Fn fn_;
@@ -60,6 +62,8 @@ nb::handle requires_grad_or(std::initializer_list<nb::handle> inputs);
 
 // A GraphNode to `input` whose df is `grad` (ownership passes to Python).
 nb::object edge(nb::handle input, FnGrad* grad, const LazyLabel& label);
+// The same with a name formatted now (labels holding Python values' text).
+nb::object edge(nb::handle input, FnGrad* grad, const std::string& name);
 
 // The result of an operator from its core result: requires_grad and nodes by
 // the rule of results, make_edge(i) giving the GraphNode of input i (or an
@@ -106,6 +110,8 @@ Tensor zeros_shaped_like(const Tensor& t);
 // Axis helpers (reduce/sum_mean.cpp): a Python-style wrapped axis; a bare
 // AssertionError when it is out of range.
 int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar = true);
+// The same for an axis to insert: a negative one counts from one past the end.
+int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim);
 
 // id(a) + infix + id(b), the usual opid prefix.
 inline std::string ids(nb::handle a, const char* infix, nb::handle b) { return id_text(a) + infix + id_text(b); }
@@ -139,5 +145,16 @@ void init_unary(nb::module_& m);
 void init_compare(nb::module_& m);
 void init_extrema(nb::module_& m);
 void init_sum_mean(nb::module_& m);
+void init_spread(nb::module_& m);
+void init_extremes(nb::module_& m);
+void init_reshape(nb::module_& m, nb::class_<QTensor>& cls);
+void init_tile(nb::module_& m);
+
+// unsqueeze(t, axis), also QTensor.unsqueeze.
+nb::object unsqueeze_op(nb::handle t, nb::handle axis);
+// mean(t, axis, keepdims), for the gradients of std and var.
+nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims);
+// The axes of a reduction as the caller gave them (an int or a list of ints).
+std::vector<int64_t> axis_list(nb::handle axis, const char* op);
 
 }  // namespace tramel::tensor

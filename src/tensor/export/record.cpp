@@ -38,9 +38,11 @@ bool save_opinfo_on() { return export_flags().save_opinfo_is_not_false; }
 
 void append_links(QTensor& y, std::initializer_list<Link> links) {
   nb::object& list = link_nodes_of(y);
-  for (const Link& link : links)
-    if (PyList_Append(list.ptr(), make_graphnode(link.tensor, nb::none(), link.label).ptr()) < 0)
-      throw nb::python_error();
+  for (const Link& link : links) {
+    nb::object node = link.name ? make_graphnode(link.tensor, nb::none(), nb::str(link.name->c_str()))
+                                : make_graphnode(link.tensor, nb::none(), link.label);
+    if (PyList_Append(list.ptr(), node.ptr()) < 0) throw nb::python_error();
+  }
 }
 
 void defer_links(QTensor& y, std::initializer_list<PrefixedLink> links, const LazyLabel& body) {

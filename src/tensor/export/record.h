@@ -19,10 +19,12 @@ nb::object make_record(const std::string& opid, const char* opname, std::initial
 bool save_constant_on();
 bool save_opinfo_on();
 
-// One link node: an edge with df None to an input, with its label.
+// One link node: an edge with df None to an input, with its label (or, for
+// labels holding Python values' text, a name formatted now).
 struct Link {
   nb::handle tensor;
   LazyLabel label;
+  const std::string* name = nullptr;
 };
 
 void append_links(QTensor& y, std::initializer_list<Link> links);

@@ -99,7 +99,9 @@ Tensor mean_axis_backward(const Tensor& x, const FnGrad& f) {
   return grad;
 }
 
-nb::object mean_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
+}  // namespace
+
+nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "mean");
   const Tensor& x = core_of(q, "mean");
   nb::object y;
@@ -128,14 +130,18 @@ nb::object mean_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
   return y;
 }
 
-}  // namespace
+std::vector<int64_t> axis_list(nb::handle axis, const char* op) {
+  if (PyLong_Check(axis.ptr())) return {PyBool_Check(axis.ptr()) ? int64_t(axis.ptr() == Py_True) : py::int_arg(axis, op, "axis")};
+  return int_list(axis, op);
+}
 
 int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar) { return wrap_dim(dim, ndim, wrap_scalar, false); }
+int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim) { return wrap_dim(dim, ndim, true, true); }
 
 void init_sum_mean(nb::module_& m) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("mean", &mean_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("mean", &mean_of, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
   m.def("_mean_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
     auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), py::shape_arg(nb::list(shape), "_mean_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(grad)), n);

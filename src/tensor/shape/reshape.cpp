@@ -1,0 +1,213 @@
+// reshape, flatten, swapaxis, transpose and permute, as module functions and
+// QTensor methods. Each gradient undoes the rearrangement on the incoming
+// gradient; the in-place methods take no part in the graph.
+#include <algorithm>
+
+#include "bindings/interop.h"
+#include "tensor/operator.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+[[noreturn]] void assertion(const std::string& text) {
+  PyErr_SetString(PyExc_AssertionError, text.c_str());
+  throw nb::python_error();
+}
+
+std::vector<int64_t> ints(nb::handle seq, const char* op) {
+  std::vector<int64_t> out;
+  for (nb::handle v : seq) out.push_back(py::int_arg(v, op, "dimension"));
+  return out;
+}
+
+// Refuses anything but a list (or None) the way a typed argument would.
+void require_list(nb::handle value, const char* name) {
+  if (value.is_none() || PyList_Check(value.ptr())) return;
+  throw nb::type_error(("Argument '" + std::string(name) + "' has incorrect type (expected list, got " +
+                        nb::type_name(value.type()).c_str() + ")")
+                           .c_str());
+}
+
+// Held: t. The gradient takes t's shape when it runs.
+Tensor back_to_input_shape(const Tensor& g, const FnGrad& f) { return reshape(g, f.data(0).shape()); }
+
+nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
+  QTensor& q = as_qtensor(t, "reshape");
+  const Tensor& x = core_of(q, "reshape");
+  nb::object data = wrap_core(reshape(x, ints(shape, "reshape")));
+  nb::object nodes = nb::none();
+  if (truthy(q.requires_grad)) {
+    auto* grad = new FnGrad(&back_to_input_shape, nullptr, 0, {t});
+    nb::list edges;
+    // str() of a list of ints prints as a shape does: that label can wait.
+    if (PyList_Check(shape.ptr())) {
+      std::vector<int64_t> dims = ints(shape, "reshape");
+      edges.append(edge(t, grad, LazyLabel().shape(x.shape()).then(" reshape ").shape(Shape(dims.data(), int(dims.size()), "reshape"))));
+    } else {
+      edges.append(edge(t, grad, x.shape().str() + " reshape " + py_text(shape)));
+    }
+    nodes = edges;
+  }
+  nb::object y = new_qtensor(data, q.requires_grad, nodes, q.device);
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" reshape ")}});
+    nb::dict attribute;
+    attribute["shape"] = shape;
+    return make_record(id_text(t) + (method ? "_reshape_to_" : "_reshape_") + id_text(y), "Reshape", {t}, y, attribute);
+  });
+  return y;
+}
+
+// QTensor.reshape's own checks, as assertions.
+void check_reshape(const QTensor& q, nb::handle new_shape) {
+  int64_t size = 1;
+  for (nb::handle d : new_shape) {
+    int64_t v = py::int_arg(d, "reshape", "dimension");
+    if (v < 0) assertion("dim should > 0");
+    size *= v;
+  }
+  int64_t old = core_of(q, "reshape").numel();
+  if (size != old) assertion("new size " + std::to_string(size) + " not equal to old size " + std::to_string(old));
+}
+
+nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
+  const Tensor& x = core_of(as_qtensor(t, "flatten"), "flatten");
+  nb::object y = make_result(flatten(x, start, end), {t}, [&](int) {
+    return edge(t, new FnGrad(&back_to_input_shape, nullptr, 0, {t}),
+                method ? LazyLabel().id(t).then(" flatten ") : LazyLabel());
+  });
+  record_gated(y, [&](QTensor& out) {
+    append_links(out, {{t, LazyLabel()}});
+    nb::list attribute;
+    attribute.append(start);
+    attribute.append(end);
+    return make_record(id_text(t) + "_flat_" + id_text(y), "flatten", {t}, y, attribute);
+  });
+  return y;
+}
+
+Tensor swapaxis_grad(const Tensor& g, const FnGrad& f) { return swapaxis(g, f.axes[0], f.axes[1]); }
+
+nb::object swapaxis_op(nb::handle t, int64_t axis1, int64_t axis2) {
+  const Tensor& x = core_of(as_qtensor(t, "swapaxis"), "swapaxis");
+  Shape shape = x.shape();
+  nb::object y = make_result(swapaxis(x, axis1, axis2), {t}, [&](int) {
+    auto* grad = new FnGrad(&swapaxis_grad, nullptr, 0, {t});
+    grad->axes = {axis1, axis2};
+    return edge(t, grad, LazyLabel("swapaxis of tensor ").shape(shape));
+  });
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" swapaxis ")}});
+    nb::dict attribute;
+    attribute["axis1"] = axis1;
+    attribute["axis2"] = axis2;
+    return make_record(id_text(t) + "_swapaxis_" + id_text(y), "Swapaxis", {t}, y, attribute);
+  });
+  return y;
+}
+
+// The inverse permutation: positions ordered by the axis they hold.
+Tensor transpose_grad(const Tensor& x, const FnGrad& f) {
+  std::vector<int64_t> order(f.axes.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = int64_t(i);
+  std::stable_sort(order.begin(), order.end(), [&](int64_t a, int64_t b) { return f.axes[a] < f.axes[b]; });
+  return transpose(x, order);
+}
+
+nb::object transposed(nb::handle t, nb::handle dim) {
+  const Tensor& x = core_of(as_qtensor(t, "transpose"), "transpose");
+  std::vector<int64_t> dims = ints(dim, "transpose");
+  nb::object y = make_result(transpose(x, dims), {t}, [&](int) {
+    auto* grad = new FnGrad(&transpose_grad, nullptr, 0, {t});
+    grad->axes = dims;
+    return edge(t, grad, "tranpose grad dim = " + py_text(dim));
+  });
+  record_gated(y, [&](QTensor& out) {
+    std::string link = "tranpose link dim = " + py_text(dim);
+    append_links(out, {{t, LazyLabel(), &link}});
+    nb::dict attribute;
+    attribute["dim"] = dim;
+    return make_record(id_text(t) + "_transpose__" + id_text(y), "Transpose", {t}, y, attribute);
+  });
+  return y;
+}
+
+// QTensor.transpose's checks of new_dims, as assertions; the marking of
+// repeated axes runs in any case.
+void check_dims(const QTensor& q, nb::handle new_dims) {
+  if (!PyList_Check(new_dims.ptr())) assertion("second para should be list");
+  int ndim = core_of(q, "transpose").ndim();
+  if (PyList_GET_SIZE(new_dims.ptr()) < ndim) assertion("second para dim not equal to tensor shape");
+  std::vector<bool> seen(size_t(ndim), false);
+  for (int i = 0; i < ndim; ++i) {
+    int64_t d = maybe_wrap_dim(py::int_arg(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
+    if (seen[size_t(d)]) assertion("repeat dim in second para is not valid ");
+    seen[size_t(d)] = true;
+  }
+}
+
+nb::list reversed_axes(int ndim) {
+  nb::list out;
+  for (int i = ndim - 1; i >= 0; --i) out.append(i);
+  return out;
+}
+
+}  // namespace
+
+void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
+  auto arg = [](const char* name) { return nb::arg(name).none(); };
+  m.def("reshape", [](nb::handle t, nb::handle shape) { return reshaped(t, shape, false); }, arg("t"), arg("shape"));
+  m.def("flatten", [](nb::handle t, int64_t start, int64_t end) { return flattened(t, start, end, false); }, arg("t"),
+        nb::arg("start") = 0, nb::arg("end") = -1);
+  m.def("swapaxis", &swapaxis_op, arg("t"), nb::arg("axis1"), nb::arg("axis2"));
+  m.def("transpose", &transposed, arg("t"), arg("dim"));
+  m.def("permute", [](nb::handle t, nb::handle dim) {
+    require_list(dim, "dim");
+    return transposed(t, dim);
+  }, arg("t"), arg("dim"));
+
+  cls.def("reshape", [](nb::handle self, nb::handle new_shape) {
+    check_reshape(as_qtensor(self, "reshape"), new_shape);
+    return reshaped(self, new_shape, true);
+  }, arg("new_shape"));
+  cls.def("reshape_", [](nb::handle self, nb::handle new_shape) {
+    QTensor& q = as_qtensor(self, "reshape_");
+    Tensor& x = core_of(q, "reshape_");
+    if (PyList_Check(new_shape.ptr())) {
+      std::vector<int64_t> dims = ints(new_shape, "reshape_");
+      if (dims.size() == size_t(x.ndim()) && std::equal(dims.begin(), dims.end(), x.shape().begin())) return;
+    }
+    if (!PyList_Check(new_shape.ptr()) && !PyTuple_Check(new_shape.ptr()))
+      assertion("second para should be list or tuple");
+    check_reshape(q, new_shape);
+    x.assign(reshape(x, ints(new_shape, "reshape_")));
+  }, arg("new_shape"));
+  cls.def("unsqueeze", &unsqueeze_op, arg("axis"));
+  cls.def("flatten", [](nb::handle self, int64_t start, int64_t end) { return flattened(self, start, end, true); },
+          nb::arg("start") = 0, nb::arg("end") = -1);
+  cls.def("transpose", [](nb::handle self, nb::handle new_dims) -> nb::object {
+    QTensor& q = as_qtensor(self, "transpose");
+    if (!new_dims.is_none()) {
+      check_dims(q, new_dims);
+      return transposed(self, new_dims);
+    }
+    // All axes reversed: a new leaf, cut off from the graph.
+    const Tensor& x = core_of(q, "transpose");
+    nb::object result = to_tensor(wrap_core(transpose(x, ints(reversed_axes(x.ndim()), "transpose"))));
+    if (is_true(q.requires_grad)) {
+      as_qtensor(result, "transpose").requires_grad = nb::borrow(Py_True);
+      zero_grad(result);
+    }
+    return result;
+  }, arg("new_dims") = nb::none());
+  cls.def("transpose_", [](nb::handle self, nb::handle new_dims) {
+    QTensor& q = as_qtensor(self, "transpose_");
+    Tensor& x = core_of(q, "transpose_");
+    nb::object dims = new_dims.is_none() ? nb::object(reversed_axes(x.ndim())) : nb::borrow(new_dims);
+    if (!new_dims.is_none()) check_dims(q, new_dims);
+    x.assign(transpose(x, ints(dims, "transpose_")));
+  }, arg("new_dims") = nb::none());
+}
+
+}  // namespace tramel::tensor

@@ -1,0 +1,153 @@
+// tile, squeeze, unsqueeze, broadcast_to and flip: single-input operators
+// that repeat, drop or add axes, expand, or reverse.
+#include "bindings/interop.h"
+#include "tensor/operator.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+std::vector<int64_t> ints(nb::handle seq, const char* op) {
+  std::vector<int64_t> out;
+  for (nb::handle v : seq) out.push_back(py::int_arg(v, op, "value"));
+  return out;
+}
+
+// A form-C record with a link labelled `link` and {key: value}.
+template <typename Value>
+void record_appended(nb::handle t, nb::handle y, const char* opname, const char* opid_infix, const std::string& link,
+                     const char* key, Value&& value) {
+  record_gated(y, [&](QTensor& out) {
+    append_links(out, {{t, LazyLabel(), &link}});
+    nb::dict attribute;
+    attribute[key] = value;
+    return make_record(id_text(t) + opid_infix + id_text(y), opname, {t}, y, attribute);
+  });
+}
+
+// Held: t; axes: the repeats.
+Tensor tile_backward(const Tensor& x, const FnGrad& f) { return tile_grad(x, f.data(0).shape(), f.axes); }
+
+nb::object tile_op(nb::handle t, nb::handle reps) {
+  if (!reps.is_none() && !PyList_Check(reps.ptr()))
+    throw nb::type_error(("Argument 'reps' has incorrect type (expected list, got " +
+                          std::string(nb::type_name(reps.type()).c_str()) + ")")
+                             .c_str());
+  const Tensor& x = core_of(as_qtensor(t, "tile"), "tile");
+  std::vector<int64_t> repeats = ints(reps, "tile");
+  Shape shape = x.shape();
+  nb::object y = make_result(tile(x, repeats), {t}, [&](int) {
+    auto* grad = new FnGrad(&tile_backward, nullptr, 0, {t});
+    grad->axes = repeats;
+    return edge(t, grad, LazyLabel("tile grad dim = ").shape(shape));
+  });
+  record_appended(t, y, "Tile", "_tile_", "_tile_ link dim = " + py_text(reps), "reps", reps);
+  return y;
+}
+
+Tensor reshape_back(const Tensor& g, const FnGrad& f) { return reshape(g, f.data(0).shape()); }
+
+nb::object squeeze_op(nb::handle t, nb::handle axis) {
+  const Tensor& x = core_of(as_qtensor(t, "squeeze"), "squeeze");
+  int ndim = x.ndim();
+  nb::object wrap_axis = nb::none();
+  Tensor data;
+  if (axis.is_none()) {
+    data = squeeze(x);
+  } else if (PyLong_Check(axis.ptr())) {
+    int64_t a = PyBool_Check(axis.ptr()) ? int64_t(axis.ptr() == Py_True) : py::int_arg(axis, "squeeze", "axis");
+    int64_t w = maybe_wrap_dim(a, ndim);
+    wrap_axis = nb::int_(w);
+    data = squeeze(x, {w});
+  } else if (PyList_Check(axis.ptr()) || PyTuple_Check(axis.ptr())) {
+    nb::list wrapped;
+    std::vector<int64_t> axes;
+    for (nb::handle a : axis) {
+      axes.push_back(maybe_wrap_dim(py::int_arg(a, "squeeze", "axis"), ndim));
+      wrapped.append(axes.back());
+    }
+    wrap_axis = wrapped;
+    data = squeeze(x, axes);
+  } else {
+    throw nb::value_error("Not supported input parameter for squeeze()'s axis");
+  }
+  Shape shape = x.shape();
+  nb::object y = make_result(std::move(data), {t}, [&](int) {
+    return edge(t, new FnGrad(&reshape_back, nullptr, 0, {t}), LazyLabel("squeeze grad of tensor ").shape(shape));
+  });
+  record_appended(t, y, "Squeeze", "_squeeze_", "_squeeze_ link dim = " + py_text(axis), "axis", wrap_axis);
+  return y;
+}
+
+Tensor unsqueeze_backward(const Tensor& x, const FnGrad& f) { return squeeze(x, f.axes); }
+
+}  // namespace
+
+nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
+  const Tensor& x = core_of(as_qtensor(t, "unsqueeze"), "unsqueeze");
+  int64_t a = py::int_arg(axis, "unsqueeze", "axis");
+  int64_t w = maybe_wrap_dim_unsqueeze(a, x.ndim());
+  Shape shape = x.shape();
+  nb::object y = make_result(unsqueeze(x, w), {t}, [&](int) {
+    auto* grad = new FnGrad(&unsqueeze_backward, nullptr, 0, {t});
+    grad->axes = {w};
+    return edge(t, grad, LazyLabel("unsqueeze grad tensor of ").shape(shape));
+  });
+  record_appended(t, y, "Unsqueeze", "_unsqueeze_", "_unsqueeze_ link dim = " + py_text(axis), "axis", w);
+  return y;
+}
+
+namespace {
+
+Tensor broadcast_to_backward(const Tensor& g, const FnGrad& f) { return unbroadcast(f.grad_data(0), g); }
+
+nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
+  const Tensor& x = core_of(as_qtensor(t, "broadcast_to"), "broadcast_to");
+  Shape shape = x.shape();
+  std::vector<int64_t> dims = ints(ref, "broadcast_to");
+  Shape target(dims.data(), int(dims.size()), "broadcast_to");
+  nb::object y = make_result(broadcast_to(x, target), {t}, [&](int) {
+    return edge(t, new FnGrad(&broadcast_to_backward, nullptr, 0, {t}),
+                "A grad " + shape.str() + " broadcast_to " + py_text(ref));
+  });
+  Shape out_shape = core_of(as_qtensor(y, "broadcast_to"), "broadcast_to").shape();
+  record_always_linked(y, {{t, "link "}}, LazyLabel().shape(shape).then(" broadcast_to ").shape(out_shape), [&] {
+    return make_record(id_text(t) + "_broadcast_to_+" + id_text(y), "Broadcast", {t}, y, nb::list());
+  });
+  return y;
+}
+
+Tensor flip_backward(const Tensor& g, const FnGrad& f) { return flip(g, f.axes); }
+
+nb::object flip_op(nb::handle t, nb::handle flip_dims) {
+  const Tensor& x = core_of(as_qtensor(t, "flip"), "flip");
+  std::vector<int64_t> dims = ints(flip_dims, "flip");
+  for (int64_t d : dims) maybe_wrap_dim(d, x.ndim());  // a check only: the core takes them as given
+  Tensor data = flip(x, dims);
+  Shape shape = data.shape();
+  nb::object y = make_result(std::move(data), {t}, [&](int) {
+    auto* grad = new FnGrad(&flip_backward, nullptr, 0, {t});
+    grad->axes = dims;
+    return edge(t, grad, LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape));
+  });
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" flip ")}});
+    nb::dict attribute;
+    attribute["dims"] = flip_dims;
+    return make_record(id_text(t) + "_flip__" + id_text(y), "Flip", {t}, y, attribute);
+  });
+  return y;
+}
+
+}  // namespace
+
+void init_tile(nb::module_& m) {
+  auto arg = [](const char* name) { return nb::arg(name).none(); };
+  m.def("tile", &tile_op, arg("t"), arg("reps"));
+  m.def("squeeze", &squeeze_op, arg("t"), arg("axis") = nb::none());
+  m.def("unsqueeze", &unsqueeze_op, arg("t"), arg("axis") = 0);
+  m.def("broadcast_to", &broadcast_to_op, arg("t"), arg("ref"));
+  m.def("flip", &flip_op, arg("t"), arg("flip_dims"));
+}
+
+}  // namespace tramel::tensor
