@@ -29,14 +29,38 @@ nb::handle requires_grad_or(std::initializer_list<nb::handle> inputs) {
   return flag;
 }
 
-nb::object edge(nb::handle input, FnGrad* grad, const LazyLabel& label) {
-  nb::object df = nb::cast(static_cast<GradFn*>(grad), nb::rv_policy::take_ownership);
-  return make_graphnode(input, df, label);
+namespace {
+PyTypeObject* g_fngrad_type = nullptr;
+
+nb::object derivative_object(FnGrad&& grad) {
+  nb::object df = nb::inst_alloc(g_fngrad_type);
+  new (nb::inst_ptr<FnGrad>(df)) FnGrad(std::move(grad));
+  nb::inst_mark_ready(df);
+  return df;
+}
+}  // namespace
+
+nb::object edge(nb::handle input, FnGrad grad, const LazyLabel& label) {
+  return make_graphnode(input, derivative_object(std::move(grad)), label);
 }
 
-nb::object edge(nb::handle input, FnGrad* grad, const std::string& name) {
-  nb::object df = nb::cast(static_cast<GradFn*>(grad), nb::rv_policy::take_ownership);
-  return make_graphnode(input, df, nb::str(name.c_str()));
+nb::object edge(nb::handle input, FnGrad grad, const std::string& name) {
+  return make_graphnode(input, derivative_object(std::move(grad)), nb::str(name.c_str()));
+}
+
+void init_fngrad(nb::module_& m) {
+  // Cycle collection goes through GradFn's virtual traverse/clear.
+  static PyType_Slot slots[] = {{Py_tp_traverse, (void*)+[](PyObject* self, visitproc visit, void* arg) {
+                                   Py_VISIT(Py_TYPE(self));
+                                   return nb::inst_ready(self) ? nb::inst_ptr<FnGrad>(self)->traverse(visit, arg) : 0;
+                                 }},
+                                {Py_tp_clear, (void*)+[](PyObject* self) {
+                                   if (nb::inst_ready(self)) nb::inst_ptr<FnGrad>(self)->clear();
+                                   return 0;
+                                 }},
+                                {0, nullptr}};
+  nb::class_<FnGrad, GradFn> cls(m, "_FnGrad", nb::type_slots(slots), "The derivative of a built-in operator.");
+  g_fngrad_type = (PyTypeObject*)cls.ptr();
 }
 
 nb::object make_leaf_result(Tensor data, std::initializer_list<nb::handle> inputs) {

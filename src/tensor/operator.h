@@ -60,10 +60,11 @@ class FnGrad final : public GradFn {
 // Python's `a or b or ...` over the inputs' requires_grad; see Note [rule of results].
 nb::handle requires_grad_or(std::initializer_list<nb::handle> inputs);
 
-// A GraphNode to `input` whose df is `grad` (ownership passes to Python).
-nb::object edge(nb::handle input, FnGrad* grad, const LazyLabel& label);
+// A GraphNode to `input` whose df is `grad`, moved into a Python object of
+// its own (one allocation: FnGrad is a bound class, held inline).
+nb::object edge(nb::handle input, FnGrad grad, const LazyLabel& label);
 // The same with a name formatted now (labels holding Python values' text).
-nb::object edge(nb::handle input, FnGrad* grad, const std::string& name);
+nb::object edge(nb::handle input, FnGrad grad, const std::string& name);
 
 // The result of an operator from its core result: requires_grad and nodes by
 // the rule of results, make_edge(i) giving the GraphNode of input i (or an
@@ -138,6 +139,7 @@ void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Op op)
 }
 
 void init_operator_tables(nb::module_& m);
+void init_fngrad(nb::module_& m);
 // One per family file.
 void init_broadcast(nb::module_& m);
 void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls);

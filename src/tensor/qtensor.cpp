@@ -8,6 +8,7 @@
 
 #include "bindings/interop.h"
 #include "tensor/export/record.h"
+#include "tensor/operator.h"
 
 namespace tramel::tensor {
 
@@ -329,22 +330,8 @@ const char* astype_label_tail(DType from, DType to) {
   return tails[size_t(int(from) * kNumDTypes + int(to))].c_str();
 }
 
-class AstypeGrad final : public GradFn {
- public:
-  explicit AstypeGrad(nb::object input) : input_(std::move(input)) {}
-  nb::object apply(nb::handle grad) override {
-    DType target = core_of(as_qtensor(input_, "astype"), "astype").dtype();
-    return wrap_core(to_dtype(as_core(grad, "astype"), target, true));
-  }
-  int traverse(visitproc visit, void* arg) override {
-    Py_VISIT(input_.ptr());
-    return 0;
-  }
-  void clear() override { input_.reset(); }
-
- private:
-  nb::object input_;
-};
+// The gradient of astype: back to the source's dtype as it is when it runs.
+Tensor astype_grad(const Tensor& g, const FnGrad& f) { return to_dtype(g, f.data(0).dtype(), true); }
 
 nb::object astype(nb::handle self, nb::handle dtype) {
   QTensor& s = as_qtensor(self, "astype");
@@ -353,8 +340,8 @@ nb::object astype(nb::handle self, nb::handle dtype) {
   nb::object data = wrap_core(to_dtype(source, target, true));
   nb::list nodes;
   if (truthy(s.requires_grad)) {
-    nb::object df = nb::cast(static_cast<GradFn*>(new AstypeGrad(nb::borrow(self))), nb::rv_policy::take_ownership);
-    nodes.append(make_graphnode(self, df, LazyLabel().id(self).then(astype_label_tail(source.dtype(), target))));
+    nodes.append(edge(self, FnGrad(&astype_grad, nullptr, 0, {self}),
+                      LazyLabel().id(self).then(astype_label_tail(source.dtype(), target))));
   }
   nb::object y = new_qtensor(data, s.requires_grad, nodes, s.device);
   record_cast(self, y);

@@ -54,9 +54,8 @@ nb::object arithmetic(const ArithmeticRow& row, nb::handle x1, nb::handle x2) {
   Shape s1 = a.shape(), s2 = b.shape();
   nb::object data = wrap_core(binary(row.forward, a, b));
   nb::object y = make_result(data, {t1, t2}, [&](int i) {
-    auto* grad = row.holds_result ? new FnGrad(&arithmetic_grad, &row, i, {t1, t2, data})
-                                  : new FnGrad(&arithmetic_grad, &row, i, {t1, t2});
-    return edge(i == 0 ? t1 : t2, grad, LazyLabel(i == 0 ? "t1 grad " : "t2 grad ").shape(s1).then(row.infix).shape(s2));
+    FnGrad grad = row.holds_result ? FnGrad(&arithmetic_grad, &row, i, {t1, t2, data}) : FnGrad(&arithmetic_grad, &row, i, {t1, t2});
+    return edge(i == 0 ? t1 : t2, std::move(grad), LazyLabel(i == 0 ? "t1 grad " : "t2 grad ").shape(s1).then(row.infix).shape(s2));
   });
   record_always_linked(y, {{t1, "t1 no grad "}, {t2, "t2 no grad "}}, LazyLabel().shape(s1).then(row.infix).shape(s2),
                        [&] {
@@ -90,7 +89,7 @@ nb::object accumulate(nb::handle tensor_list) {
     if (data.dtype() != first.dtype()) throw nb::value_error("tensor_list elements should have same dtype ");
     if (!truthy(requires_grad)) requires_grad = q.requires_grad;
     if (truthy(q.requires_grad))
-      nodes.append(edge(t, new FnGrad(&accumulate_grad, nullptr, 0, {t}), LazyLabel("accumulate grad ").id(t)));
+      nodes.append(edge(t, FnGrad(&accumulate_grad, nullptr, 0, {t}), LazyLabel("accumulate grad ").id(t)));
     parts.push_back(&data);
   }
   Tensor sum = add_tensor_list(parts);

@@ -16,7 +16,7 @@ Tensor broadcast_grad(const Tensor& g, const FnGrad& self) { return unbroadcast(
 // One operand's half of broadcast(t1, t2): its expanded tensor, edge and record.
 nb::object expanded(nb::handle t, Tensor data, const Shape& s1, const Shape& s2, bool first) {
   nb::object e = make_result(std::move(data), {t}, [&](int) {
-    return edge(t, new FnGrad(&broadcast_grad, nullptr, 0, {t}),
+    return edge(t, FnGrad(&broadcast_grad, nullptr, 0, {t}),
                 LazyLabel(first ? "t1 grad " : "t2 grad ").shape(s1).then(" broadcast ").shape(s2));
   });
   // The link shows the operand's shape, then the second operand's.

@@ -80,7 +80,7 @@ nb::object classify_op(const ClassifyRow& row, nb::handle t) {
   const Tensor& x = core_of(as_qtensor(t, row.name), row.name);
   Shape shape = x.shape();
   nb::object y = make_result(classify(row.forward, x), {t}, [&](int) {
-    return edge(t, new FnGrad(&zeros_of_input, &row, 0, {t}), LazyLabel(row.label).shape(shape));
+    return edge(t, FnGrad(&zeros_of_input, &row, 0, {t}), LazyLabel(row.label).shape(shape));
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(row.link)}});

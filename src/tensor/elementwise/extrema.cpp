@@ -45,7 +45,7 @@ nb::object extremum(const ExtremumRow& row, nb::handle t1, nb::handle t2) {
   nb::object y = make_result(data, {t1, t2}, [&](int i) {
     nb::handle input = i == 0 ? t1 : t2;
     const char* label = i == 0 ? row.label1 : row.label2;
-    return edge(input, new FnGrad(&extremum_grad, &row, i, {t1, t2, data}),
+    return edge(input, FnGrad(&extremum_grad, &row, i, {t1, t2, data}),
                 *label ? LazyLabel(label).id(input) : LazyLabel());
   });
   record_gated(y, [&](QTensor& out) {
@@ -61,10 +61,10 @@ nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
   const Tensor& x = core_of(as_qtensor(t, "clip"), "clip");
   double low = nb::cast<double>(min_val), high = nb::cast<double>(max_val);
   nb::object y = make_result(clamp(x, low, high), {t}, [&](int) {
-    auto* grad = new FnGrad(&clip_grad, nullptr, 0, {t});
-    grad->bounds[0] = low;
-    grad->bounds[1] = high;
-    return edge(t, grad, LazyLabel());
+    FnGrad grad(&clip_grad, nullptr, 0, {t});
+    grad.bounds[0] = low;
+    grad.bounds[1] = high;
+    return edge(t, std::move(grad), LazyLabel());
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" clip ")}});
@@ -94,7 +94,7 @@ nb::object power(nb::handle x1, nb::handle x2) {
                           .shape(base_shape)
                           .then(" power shape ")
                           .shape(out_shape);
-    return edge(i == 0 ? t1 : t2, new FnGrad(&power_grad, nullptr, i, {t1, t2, data}), label);
+    return edge(i == 0 ? t1 : t2, FnGrad(&power_grad, nullptr, i, {t1, t2, data}), label);
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t1, LazyLabel(" pow ")}, {t2, LazyLabel(" pow ")}});

@@ -94,8 +94,8 @@ nb::object apply_unary(const UnaryRow& row, nb::handle t) {
   nb::object data = wrap_core(unary(row.forward, x));
   nb::object y = make_result(data, {t}, [&](int) -> nb::object {
     if (!row.grad) return nb::object();
-    auto* grad = row.holds_result ? new FnGrad(row.grad, &row, 0, {t, data}) : new FnGrad(row.grad, &row, 0, {t});
-    return edge(t, grad, node_label(row, t, shape));
+    FnGrad grad = row.holds_result ? FnGrad(row.grad, &row, 0, {t, data}) : FnGrad(row.grad, &row, 0, {t});
+    return edge(t, std::move(grad), node_label(row, t, shape));
   });
   auto record = [&] {
     nb::object attribute = row.always_linked ? nb::object(nb::list()) : nb::object(nb::dict());
@@ -119,9 +119,9 @@ nb::object log_softmax_op(nb::handle t, nb::handle axis) {
   Shape shape = x.shape();
   nb::object data = wrap_core(log_softmax(x, dim));
   nb::object y = make_result(data, {t}, [&](int) {
-    auto* grad = new FnGrad(&log_softmax_backward, nullptr, 0, {t, data});
-    grad->axes = {dim};
-    return edge(t, grad, LazyLabel("log_softmax grad tensor of ").shape(shape));
+    FnGrad grad(&log_softmax_backward, nullptr, 0, {t, data});
+    grad.axes = {dim};
+    return edge(t, std::move(grad), LazyLabel("log_softmax grad tensor of ").shape(shape));
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" log_softmax")}});

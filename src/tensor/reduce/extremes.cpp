@@ -57,10 +57,10 @@ nb::object extreme(const ExtremeRow& row, nb::handle t, nb::handle axis, nb::han
   if (row.needs_true) requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
   nb::object y = new_qtensor(data, requires_grad, Py_None, q.device);
   if (truthy(requires_grad)) {
-    auto* grad = new FnGrad(&min_max_grad, &row, 0, {t, data});
-    grad->axes = axes;
+    FnGrad grad(&min_max_grad, &row, 0, {t, data});
+    grad.axes = axes;
     nb::list edges;
-    edges.append(edge(t, grad, LazyLabel().shape(shape).then(row.label_tail)));
+    edges.append(edge(t, std::move(grad), LazyLabel().shape(shape).then(row.label_tail)));
     as_qtensor(y, row.name).nodes = edges;
   }
   record_gated(y, [&](QTensor& out) {
@@ -81,9 +81,9 @@ nb::object cumsum_op(nb::handle t, nb::handle axis) {
   Tensor data = cumsum(x, a);
   Shape shape = data.shape();
   nb::object y = make_result(std::move(data), {t}, [&](int) {
-    auto* grad = new FnGrad(&cumsum_backward, nullptr, 0, {t});
-    grad->axes = {a};
-    return edge(t, grad, LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape));
+    FnGrad grad(&cumsum_backward, nullptr, 0, {t});
+    grad.axes = {a};
+    return edge(t, std::move(grad), LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape));
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" cumsum ")}});
@@ -115,12 +115,11 @@ void init_extremes(nb::module_& m) {
     // The same computation as an edge of min/max, on core tensors given
     // directly; a float result becomes a core tensor on the inputs' device.
     nb::object value = PyFloat_Check(result.ptr())
-                           ? nb::handle(core_tensor_type())(nb::make_tuple(result), as_core(inputs, "_min_max_grad").device())
+                           ? nb::handle(core_tensor_type())(result, as_core(inputs, "_min_max_grad").device())
                            : nb::borrow(result);
-    auto* grad = new FnGrad(&min_max_grad, nullptr, 0, {inputs, value});
-    nb::object owner = nb::cast(static_cast<GradFn*>(grad), nb::rv_policy::take_ownership);
-    if (!axis.is_none()) grad->axes = {py::int_arg(axis, "_min_max_grad", "axis")};
-    return grad->apply(x);
+    FnGrad grad(&min_max_grad, nullptr, 0, {inputs, value});
+    if (!axis.is_none()) grad.axes = {py::int_arg(axis, "_min_max_grad", "axis")};
+    return grad.apply(x);
   }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());
 }
 

@@ -95,10 +95,10 @@ nb::object spread(const SpreadRow& row, nb::handle t, nb::handle axis, nb::handl
   nb::object data =
       wrap_core(axis.is_none() ? row.all(x, core_unbiased) : row.along(x, axes, truthy(keepdims), core_unbiased));
   nb::object y = make_result(data, {t}, [&](int) {
-    auto* grad = new FnGrad(row.grad, &row, 0, {t, data});
-    grad->axes = axes;
-    grad->flag = is_true(unbiased);
-    return edge(t, grad, LazyLabel());
+    FnGrad grad(row.grad, &row, 0, {t, data});
+    grad.axes = axes;
+    grad.flag = is_true(unbiased);
+    return edge(t, std::move(grad), LazyLabel());
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" var ")}});

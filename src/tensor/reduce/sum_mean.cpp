@@ -69,10 +69,10 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
   Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
   nb::object nodes = nb::none();
   if (truthy(q.requires_grad)) {
-    auto* grad = new FnGrad(axis.is_none() ? &sum_all_grad : &sum_axes_grad, nullptr, 0, {t});
-    grad->axes = axes;
+    FnGrad grad(axis.is_none() ? &sum_all_grad : &sum_axes_grad, nullptr, 0, {t});
+    grad.axes = axes;
     nodes = nb::list();
-    nodes.attr("append")(edge(t, grad, LazyLabel("sums grad ").shape(shape)));
+    nodes.attr("append")(edge(t, std::move(grad), LazyLabel("sums grad ").shape(shape)));
   }
   nb::object y = new_qtensor(wrap_core(std::move(data)), q.requires_grad, nodes, q.device);
   record_gated(y, [&](QTensor& out) {
@@ -110,14 +110,14 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
     nb::handle requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
     nb::list nodes;
     if (is_true(requires_grad))
-      nodes.append(edge(t, new FnGrad(&mean_all_backward, nullptr, 0, {t}), LazyLabel("mean grad")));
+      nodes.append(edge(t, FnGrad(&mean_all_backward, nullptr, 0, {t}), LazyLabel("mean grad")));
     y = new_qtensor(wrap_core(mean(x)), requires_grad, nodes, q.device);
   } else {
     int64_t a = py::int_arg(axis, "mean", "axis");
     y = make_result(mean(x, {a}, truthy(keepdims)), {t}, [&](int) {
-      auto* grad = new FnGrad(&mean_axis_backward, nullptr, 0, {t});
-      grad->axes = {a};
-      return edge(t, grad, LazyLabel("mean grad"));
+      FnGrad grad(&mean_axis_backward, nullptr, 0, {t});
+      grad.axes = {a};
+      return edge(t, std::move(grad), LazyLabel("mean grad"));
     });
   }
   record_gated(y, [&](QTensor& out) {

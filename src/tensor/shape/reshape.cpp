@@ -38,14 +38,14 @@ nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
   nb::object data = wrap_core(reshape(x, ints(shape, "reshape")));
   nb::object nodes = nb::none();
   if (truthy(q.requires_grad)) {
-    auto* grad = new FnGrad(&back_to_input_shape, nullptr, 0, {t});
+    FnGrad grad(&back_to_input_shape, nullptr, 0, {t});
     nb::list edges;
     // str() of a list of ints prints as a shape does: that label can wait.
     if (PyList_Check(shape.ptr())) {
       std::vector<int64_t> dims = ints(shape, "reshape");
-      edges.append(edge(t, grad, LazyLabel().shape(x.shape()).then(" reshape ").shape(Shape(dims.data(), int(dims.size()), "reshape"))));
+      edges.append(edge(t, std::move(grad), LazyLabel().shape(x.shape()).then(" reshape ").shape(Shape(dims.data(), int(dims.size()), "reshape"))));
     } else {
-      edges.append(edge(t, grad, x.shape().str() + " reshape " + py_text(shape)));
+      edges.append(edge(t, std::move(grad), x.shape().str() + " reshape " + py_text(shape)));
     }
     nodes = edges;
   }
@@ -74,7 +74,7 @@ void check_reshape(const QTensor& q, nb::handle new_shape) {
 nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
   const Tensor& x = core_of(as_qtensor(t, "flatten"), "flatten");
   nb::object y = make_result(flatten(x, start, end), {t}, [&](int) {
-    return edge(t, new FnGrad(&back_to_input_shape, nullptr, 0, {t}),
+    return edge(t, FnGrad(&back_to_input_shape, nullptr, 0, {t}),
                 method ? LazyLabel().id(t).then(" flatten ") : LazyLabel());
   });
   record_gated(y, [&](QTensor& out) {
@@ -93,9 +93,9 @@ nb::object swapaxis_op(nb::handle t, int64_t axis1, int64_t axis2) {
   const Tensor& x = core_of(as_qtensor(t, "swapaxis"), "swapaxis");
   Shape shape = x.shape();
   nb::object y = make_result(swapaxis(x, axis1, axis2), {t}, [&](int) {
-    auto* grad = new FnGrad(&swapaxis_grad, nullptr, 0, {t});
-    grad->axes = {axis1, axis2};
-    return edge(t, grad, LazyLabel("swapaxis of tensor ").shape(shape));
+    FnGrad grad(&swapaxis_grad, nullptr, 0, {t});
+    grad.axes = {axis1, axis2};
+    return edge(t, std::move(grad), LazyLabel("swapaxis of tensor ").shape(shape));
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" swapaxis ")}});
@@ -119,9 +119,9 @@ nb::object transposed(nb::handle t, nb::handle dim) {
   const Tensor& x = core_of(as_qtensor(t, "transpose"), "transpose");
   std::vector<int64_t> dims = ints(dim, "transpose");
   nb::object y = make_result(transpose(x, dims), {t}, [&](int) {
-    auto* grad = new FnGrad(&transpose_grad, nullptr, 0, {t});
-    grad->axes = dims;
-    return edge(t, grad, "tranpose grad dim = " + py_text(dim));
+    FnGrad grad(&transpose_grad, nullptr, 0, {t});
+    grad.axes = dims;
+    return edge(t, std::move(grad), "tranpose grad dim = " + py_text(dim));
   });
   record_gated(y, [&](QTensor& out) {
     std::string link = "tranpose link dim = " + py_text(dim);

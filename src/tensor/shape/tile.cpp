@@ -37,9 +37,9 @@ nb::object tile_op(nb::handle t, nb::handle reps) {
   std::vector<int64_t> repeats = ints(reps, "tile");
   Shape shape = x.shape();
   nb::object y = make_result(tile(x, repeats), {t}, [&](int) {
-    auto* grad = new FnGrad(&tile_backward, nullptr, 0, {t});
-    grad->axes = repeats;
-    return edge(t, grad, LazyLabel("tile grad dim = ").shape(shape));
+    FnGrad grad(&tile_backward, nullptr, 0, {t});
+    grad.axes = repeats;
+    return edge(t, std::move(grad), LazyLabel("tile grad dim = ").shape(shape));
   });
   record_appended(t, y, "Tile", "_tile_", "_tile_ link dim = " + py_text(reps), "reps", reps);
   return y;
@@ -73,7 +73,7 @@ nb::object squeeze_op(nb::handle t, nb::handle axis) {
   }
   Shape shape = x.shape();
   nb::object y = make_result(std::move(data), {t}, [&](int) {
-    return edge(t, new FnGrad(&reshape_back, nullptr, 0, {t}), LazyLabel("squeeze grad of tensor ").shape(shape));
+    return edge(t, FnGrad(&reshape_back, nullptr, 0, {t}), LazyLabel("squeeze grad of tensor ").shape(shape));
   });
   record_appended(t, y, "Squeeze", "_squeeze_", "_squeeze_ link dim = " + py_text(axis), "axis", wrap_axis);
   return y;
@@ -89,9 +89,9 @@ nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
   int64_t w = maybe_wrap_dim_unsqueeze(a, x.ndim());
   Shape shape = x.shape();
   nb::object y = make_result(unsqueeze(x, w), {t}, [&](int) {
-    auto* grad = new FnGrad(&unsqueeze_backward, nullptr, 0, {t});
-    grad->axes = {w};
-    return edge(t, grad, LazyLabel("unsqueeze grad tensor of ").shape(shape));
+    FnGrad grad(&unsqueeze_backward, nullptr, 0, {t});
+    grad.axes = {w};
+    return edge(t, std::move(grad), LazyLabel("unsqueeze grad tensor of ").shape(shape));
   });
   record_appended(t, y, "Unsqueeze", "_unsqueeze_", "_unsqueeze_ link dim = " + py_text(axis), "axis", w);
   return y;
@@ -107,7 +107,7 @@ nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
   std::vector<int64_t> dims = ints(ref, "broadcast_to");
   Shape target(dims.data(), int(dims.size()), "broadcast_to");
   nb::object y = make_result(broadcast_to(x, target), {t}, [&](int) {
-    return edge(t, new FnGrad(&broadcast_to_backward, nullptr, 0, {t}),
+    return edge(t, FnGrad(&broadcast_to_backward, nullptr, 0, {t}),
                 "A grad " + shape.str() + " broadcast_to " + py_text(ref));
   });
   Shape out_shape = core_of(as_qtensor(y, "broadcast_to"), "broadcast_to").shape();
@@ -126,9 +126,9 @@ nb::object flip_op(nb::handle t, nb::handle flip_dims) {
   Tensor data = flip(x, dims);
   Shape shape = data.shape();
   nb::object y = make_result(std::move(data), {t}, [&](int) {
-    auto* grad = new FnGrad(&flip_backward, nullptr, 0, {t});
-    grad->axes = dims;
-    return edge(t, grad, LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape));
+    FnGrad grad(&flip_backward, nullptr, 0, {t});
+    grad.axes = dims;
+    return edge(t, std::move(grad), LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape));
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" flip ")}});
