@@ -11,6 +11,7 @@ from conftest import numeric_grad
 
 RNG = np.random.default_rng(3)
 X = RNG.normal(size=(3, 4, 2))
+XC = X + 1j * RNG.normal(size=X.shape)
 AXES = [None, 0, 1, -1]
 
 
@@ -22,7 +23,10 @@ def backward_against(op, ref, x):
     """Gradient of op at x, seeded with random weights, against central differences of ref."""
     t = QTensor(x, requires_grad=True)
     y = op(t)
-    w = RNG.normal(size=y.to_numpy().shape)
+    out = y.to_numpy()
+    w = RNG.normal(size=out.shape)
+    if np.iscomplexobj(out):
+        w = w + 1j * RNG.normal(size=out.shape)
     y.backward(w)
     grad_close(t.grad.to_numpy(), numeric_grad(ref, x, w))
     return y
@@ -48,11 +52,12 @@ def test_extremes_and_median_values(name, axis, keepdims, dtype):
 @pytest.mark.parametrize("name", list(SPREAD))
 @pytest.mark.parametrize("axis", AXES)
 @pytest.mark.parametrize("unbiased", [True, False])
-def test_spread_values_and_gradients(name, axis, unbiased):
+@pytest.mark.parametrize("x", [X, XC], ids=["float64", "complex128"])
+def test_spread_values_and_gradients(name, axis, unbiased, x):
     ref = SPREAD[name]
     op = tt.std if name == "std" else tt.var
-    out = backward_against(lambda t: op(t, axis, False, unbiased), lambda v: ref(v, axis, False, int(unbiased)), X)
-    expected = ref(X, axis, False, int(unbiased))
+    out = backward_against(lambda t: op(t, axis, False, unbiased), lambda v: ref(v, axis, False, int(unbiased)), x)
+    expected = ref(x, axis, False, int(unbiased))
     np.testing.assert_allclose(out.to_numpy().reshape(np.shape(expected)), expected)
     assert out.nodes[0].name == ""
 
@@ -102,9 +107,10 @@ def test_median_has_no_gradient():
 
 
 @pytest.mark.parametrize("axis", [0, 1, -1])
-def test_cumsum(axis):
-    y = backward_against(lambda t: tt.cumsum(t, axis), lambda v: np.cumsum(v, axis=axis), X)
-    assert np.allclose(y.to_numpy(), np.cumsum(X, axis=axis))
+@pytest.mark.parametrize("x", [X, XC], ids=["float64", "complex128"])
+def test_cumsum(axis, x):
+    y = backward_against(lambda t: tt.cumsum(t, axis), lambda v: np.cumsum(v, axis=axis), x)
+    assert np.allclose(y.to_numpy(), np.cumsum(x, axis=axis))
     assert y.nodes[0].name == "input grad [3, 4, 2] cumsumgrad [3, 4, 2]"
 
 
@@ -127,10 +133,11 @@ SHAPE_OPS = {
 
 
 @pytest.mark.parametrize("name", list(SHAPE_OPS))
-def test_shape_operators(name):
+@pytest.mark.parametrize("x", [X, XC], ids=["float64", "complex128"])
+def test_shape_operators(name, x):
     op, ref = SHAPE_OPS[name]
-    y = backward_against(op, ref, X)
-    assert np.array_equal(y.to_numpy(), ref(X))
+    y = backward_against(op, ref, x)
+    assert np.array_equal(y.to_numpy(), ref(x))
 
 
 def test_labels_and_graph_cuts():
