@@ -97,17 +97,12 @@ nb::object apply_unary(const UnaryRow& row, nb::handle t) {
     FnGrad grad = row.holds_result ? FnGrad(row.grad, &row, 0, {t, data}) : FnGrad(row.grad, &row, 0, {t});
     return edge(t, std::move(grad), node_label(row, t, shape));
   });
-  auto record = [&] {
-    nb::object attribute = row.always_linked ? nb::object(nb::list()) : nb::object(nb::dict());
-    return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, attribute);
-  };
   if (row.always_linked)
-    record_always_linked(y, {{t, row.link_text}}, LazyLabel().shape(shape), record);
-  else
-    record_gated(y, [&](QTensor& out) {
-      replace_links(out, {{t, LazyLabel(row.link_text)}});
-      return record();
+    record_always_linked(y, {{t, row.link_text}}, LazyLabel().shape(shape), [&] {
+      return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, nb::list());
     });
+  else
+    record_one_input(y, t, row.link_text, row.opname, row.opid_infix, {});
   return y;
 }
 
@@ -123,12 +118,7 @@ nb::object log_softmax_op(nb::handle t, nb::handle axis) {
     grad.axes = {dim};
     return edge(t, std::move(grad), LazyLabel("log_softmax grad tensor of ").shape(shape));
   });
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" log_softmax")}});
-    nb::dict attribute;
-    attribute["axis"] = axis;
-    return make_record(id_text(t) + "_log_softmax_" + id_text(y), "LogSoftmax", {t}, y, attribute);
-  });
+  record_one_input(y, t, " log_softmax", "LogSoftmax", "_log_softmax_", {{"axis", axis}});
   return y;
 }
 

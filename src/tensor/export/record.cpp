@@ -107,6 +107,16 @@ void record_constant(nb::handle y, QTensor& fields) {
   fields.oplinkinfo = record;
 }
 
+void record_one_input(nb::handle y, nb::handle t, const char* link, const char* opname, const char* opid_infix,
+                      Attribute attribute) {
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(link)}});
+    nb::dict dict;
+    for (const auto& [key, value] : attribute) dict[key] = value;
+    return make_record(id_text(t) + opid_infix + id_text(y), opname, {t}, y, dict);
+  });
+}
+
 void record_cast(nb::handle t1, nb::handle y) {
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t1, LazyLabel("Cast")}});

@@ -60,6 +60,13 @@ void record_gated(nb::handle y, Write&& write) {
   out.oplinkinfo = write(out);
 }
 
+// Form B for a one-input operator, the usual case: a link labelled `link` to
+// t, and the record with opid id(t) + opid_infix + id(y) and the attribute
+// dict {key: value, ...} (empty: {}).
+using Attribute = std::initializer_list<std::pair<const char*, nb::handle>>;
+void record_one_input(nb::handle y, nb::handle t, const char* link, const char* opname, const char* opid_infix,
+                      Attribute attribute);
+
 // The "Constant" record of a new tensor, when save_constant is on.
 void record_constant(nb::handle y, QTensor& fields);
 // The "Cast" record of astype.

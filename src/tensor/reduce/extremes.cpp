@@ -85,12 +85,7 @@ nb::object cumsum_op(nb::handle t, nb::handle axis) {
     grad.axes = {a};
     return edge(t, std::move(grad), LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape));
   });
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" cumsum ")}});
-    nb::dict attribute;
-    attribute["axis"] = axis;
-    return make_record(id_text(t) + "_cumsum__" + id_text(y), "CumSum", {t}, y, attribute);
-  });
+  record_one_input(y, t, " cumsum ", "CumSum", "_cumsum__", {{"axis", axis}});
   return y;
 }
 

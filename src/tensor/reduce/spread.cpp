@@ -100,14 +100,8 @@ nb::object spread(const SpreadRow& row, nb::handle t, nb::handle axis, nb::handl
     grad.flag = is_true(unbiased);
     return edge(t, std::move(grad), LazyLabel());
   });
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" var ")}});
-    nb::dict attribute;
-    attribute["axes"] = axis;
-    attribute["keepdims"] = keepdims;
-    attribute["unbiased"] = unbiased;
-    return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, attribute);
-  });
+  record_one_input(y, t, " var ", row.opname, row.opid_infix,
+                   {{"axes", axis}, {"keepdims", keepdims}, {"unbiased", unbiased}});
   return y;
 }
 

@@ -75,13 +75,7 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
     nodes.attr("append")(edge(t, std::move(grad), LazyLabel("sums grad ").shape(shape)));
   }
   nb::object y = new_qtensor(wrap_core(std::move(data)), q.requires_grad, nodes, q.device);
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" sums ")}});
-    nb::dict attribute;
-    attribute["axes"] = axes_given;
-    attribute["keepdims"] = keepdims;
-    return make_record(id_text(t) + "_sums_" + id_text(y), "Sum", {t}, y, attribute);
-  });
+  record_one_input(y, t, " sums ", "Sum", "_sums_", {{"axes", axes_given}, {"keepdims", keepdims}});
   return y;
 }
 
@@ -120,13 +114,7 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
       return edge(t, std::move(grad), LazyLabel("mean grad"));
     });
   }
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" var ")}});
-    nb::dict attribute;
-    attribute["axes"] = axis;
-    attribute["keepdims"] = keepdims;
-    return make_record(id_text(t) + "_mean_" + id_text(y), "Mean", {t}, y, attribute);
-  });
+  record_one_input(y, t, " var ", "Mean", "_mean_", {{"axes", axis}, {"keepdims", keepdims}});
   return y;
 }
 

@@ -50,12 +50,7 @@ nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
     nodes = edges;
   }
   nb::object y = new_qtensor(data, q.requires_grad, nodes, q.device);
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" reshape ")}});
-    nb::dict attribute;
-    attribute["shape"] = shape;
-    return make_record(id_text(t) + (method ? "_reshape_to_" : "_reshape_") + id_text(y), "Reshape", {t}, y, attribute);
-  });
+  record_one_input(y, t, " reshape ", "Reshape", method ? "_reshape_to_" : "_reshape_", {{"shape", shape}});
   return y;
 }
 
@@ -89,21 +84,16 @@ nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
 
 Tensor swapaxis_grad(const Tensor& g, const FnGrad& f) { return swapaxis(g, f.axes[0], f.axes[1]); }
 
-nb::object swapaxis_op(nb::handle t, int64_t axis1, int64_t axis2) {
+nb::object swapaxis_op(nb::handle t, nb::handle axis1, nb::handle axis2) {
   const Tensor& x = core_of(as_qtensor(t, "swapaxis"), "swapaxis");
   Shape shape = x.shape();
-  nb::object y = make_result(swapaxis(x, axis1, axis2), {t}, [&](int) {
+  int64_t a1 = py::int_arg(axis1, "swapaxis", "axis1"), a2 = py::int_arg(axis2, "swapaxis", "axis2");
+  nb::object y = make_result(swapaxis(x, a1, a2), {t}, [&](int) {
     FnGrad grad(&swapaxis_grad, nullptr, 0, {t});
-    grad.axes = {axis1, axis2};
+    grad.axes = {a1, a2};
     return edge(t, std::move(grad), LazyLabel("swapaxis of tensor ").shape(shape));
   });
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" swapaxis ")}});
-    nb::dict attribute;
-    attribute["axis1"] = axis1;
-    attribute["axis2"] = axis2;
-    return make_record(id_text(t) + "_swapaxis_" + id_text(y), "Swapaxis", {t}, y, attribute);
-  });
+  record_one_input(y, t, " swapaxis ", "Swapaxis", "_swapaxis_", {{"axis1", axis1}, {"axis2", axis2}});
   return y;
 }
 
@@ -160,7 +150,7 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   m.def("reshape", [](nb::handle t, nb::handle shape) { return reshaped(t, shape, false); }, arg("t"), arg("shape"));
   m.def("flatten", [](nb::handle t, int64_t start, int64_t end) { return flattened(t, start, end, false); }, arg("t"),
         nb::arg("start") = 0, nb::arg("end") = -1);
-  m.def("swapaxis", &swapaxis_op, arg("t"), nb::arg("axis1"), nb::arg("axis2"));
+  m.def("swapaxis", &swapaxis_op, arg("t"), arg("axis1"), arg("axis2"));
   m.def("transpose", &transposed, arg("t"), arg("dim"));
   m.def("permute", [](nb::handle t, nb::handle dim) {
     require_list(dim, "dim");

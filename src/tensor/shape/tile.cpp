@@ -130,12 +130,7 @@ nb::object flip_op(nb::handle t, nb::handle flip_dims) {
     grad.axes = dims;
     return edge(t, std::move(grad), LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape));
   });
-  record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(" flip ")}});
-    nb::dict attribute;
-    attribute["dims"] = flip_dims;
-    return make_record(id_text(t) + "_flip__" + id_text(y), "Flip", {t}, y, attribute);
-  });
+  record_one_input(y, t, " flip ", "Flip", "_flip__", {{"dims", flip_dims}});
   return y;
 }
 
