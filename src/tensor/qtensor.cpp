@@ -312,7 +312,8 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
                   nb::none(),
                   nb::borrow(Py_False),
                   name ? nb::borrow(name) : empty_text(),
-                  nb::borrow(Py_True)};
+                  nb::borrow(Py_True),
+                  PendingLinks()};
 }
 
 // ---- astype ----

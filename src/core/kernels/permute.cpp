@@ -76,7 +76,7 @@ template <typename U> constexpr int64_t tile_edge() {
 template <typename U>
 void transpose_copy(const U* in, U* out, const Coalesced& c) {
   int m = c.rank;
-  int64_t numel = 1, in_stride[kMaxRank], od[kMaxRank], is[kMaxRank], os[kMaxRank];
+  int64_t numel = 1, in_stride[kMaxRank] = {}, od[kMaxRank] = {}, is[kMaxRank] = {}, os[kMaxRank] = {};
   for (int k = m - 1; k >= 0; --k) in_stride[k] = numel, numel *= c.in_dims[k];
   int64_t run = 1;
   for (int i = m - 1; i >= 0; --i) {

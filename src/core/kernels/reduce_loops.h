@@ -68,23 +68,6 @@ Tensor one_element(const Tensor& t, const char* op) {
   return t.view_as(Shape(&one, 1, op));
 }
 
-// The reduced axes as one trailing run: t itself when they already are,
-// otherwise a transposed copy. Sets outer and r of the [outer, r] layout.
-Tensor reduced_last(const Tensor& t, const Plan& p, int64_t* outer, int64_t* r) {
-  std::vector<int64_t> perm;
-  for (int i = 0; i < t.ndim(); ++i)
-    if (!p.reduced[i]) perm.push_back(i);
-  *outer = 1;
-  for (int64_t i : perm) *outer *= t.shape()[int(i)];
-  *r = p.count;
-  bool in_order = true;
-  for (size_t i = 0; i < perm.size(); ++i) in_order = in_order && perm[i] == int64_t(i);
-  if (in_order) return t;
-  for (int i = 0; i < t.ndim(); ++i)
-    if (p.reduced[i]) perm.push_back(i);
-  return transpose(t, perm);
-}
-
 // ---- contiguous sums ----
 
 // Sum of a contiguous run, in blocks: each block sums into many independent
