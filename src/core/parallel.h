@@ -7,6 +7,9 @@
 
 namespace tramel {
 
+// Whether this processor runs AVX2 + FMA code (see Note [vector clones]).
+bool wide_vectors();
+
 // Below this many elements a loop stays on the calling thread: waking the
 // thread team costs more than it saves.
 constexpr int64_t kParallelGrain = 1 << 16;

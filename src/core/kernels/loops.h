@@ -2,11 +2,13 @@
 // checks every element-wise kernel shares. Included by kernel files only.
 //
 // Note [vector clones]
-// Wheels must run on any x86-64, so the library is built without -march. The
-// innermost loops are compiled twice instead (target_clones): for Haswell
-// (AVX2 + FMA) and for the baseline, and the loader picks one per machine.
-// The clones live in an anonymous namespace so that two kernel files never
-// share an ifunc symbol.
+// Wheels must run on any x86-64, so the library is built without -march.
+// Innermost loops are written once, as always-inline bodies (name_body), and
+// TRAMEL_VECTORIZE(name) makes name(), which runs the body compiled for AVX2
+// + FMA when the processor has both and the baseline body otherwise. The
+// choice is made at run time (wide_vectors()); the loader's ifunc resolution
+// of target_clones was seen to pick the baseline on processors that have
+// AVX2, so it is not used.
 #pragma once
 #include <tuple>
 #include <type_traits>
@@ -16,10 +18,25 @@
 #include "core/ops.h"
 #include "core/parallel.h"
 
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(TRAMEL_NO_CLONES)
-#define TRAMEL_CLONES __attribute__((target_clones("arch=haswell", "default")))
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(TRAMEL_NO_CLONES)
+#define TRAMEL_WIDE __attribute__((target("avx2,fma")))
+#define TRAMEL_BODY inline __attribute__((always_inline))
+#define TRAMEL_VECTORIZE(name)                                                             \
+  template <typename... A>                                                                 \
+  TRAMEL_WIDE auto name##_wide(A&&... a) {                                                 \
+    return name##_body(std::forward<A>(a)...);                                             \
+  }                                                                                        \
+  template <typename... A>                                                                 \
+  auto name(A&&... a) {                                                                    \
+    return wide_vectors() ? name##_wide(std::forward<A>(a)...) : name##_body(std::forward<A>(a)...); \
+  }
 #else
-#define TRAMEL_CLONES
+#define TRAMEL_BODY inline
+#define TRAMEL_VECTORIZE(name)                      \
+  template <typename... A>                          \
+  auto name(A&&... a) {                             \
+    return name##_body(std::forward<A>(a)...);      \
+  }
 #endif
 
 namespace tramel {
@@ -42,9 +59,10 @@ template <typename T> constexpr DType dtype_of() {
 
 // See Note [vector clones].
 template <typename R, typename F, typename... In>
-TRAMEL_CLONES void map_loop(R* out, int64_t n, F f, const In*... in) {
+TRAMEL_BODY void map_loop_body(R* out, int64_t n, F f, const In*... in) {
   for (int64_t i = 0; i < n; ++i) out[i] = f(in[i]...);
 }
+TRAMEL_VECTORIZE(map_loop)
 
 // One-input loop whose functor is fast only on part of the domain: blocks of
 // the fast loop, each followed by a scalar pass over the block (still in L1)

@@ -129,9 +129,10 @@ void transpose_copy(const U* in, U* out, const Coalesced& c) {
 }
 
 template <typename U>
-TRAMEL_CLONES void reverse_copy(const U* in, U* out, int64_t n) {
+TRAMEL_BODY void reverse_copy_body(const U* in, U* out, int64_t n) {
   for (int64_t i = 0; i < n; ++i) out[i] = in[n - 1 - i];
 }
+TRAMEL_VECTORIZE(reverse_copy)
 
 }  // namespace
 

@@ -76,7 +76,7 @@ Tensor one_element(const Tensor& t, const char* op) {
 constexpr int64_t kSumBlock = 4096;
 
 template <typename R>
-TRAMEL_CLONES void block_sum_real(const R* x, int64_t n, double* even, double* odd) {
+TRAMEL_BODY void block_sum_real_body(const R* x, int64_t n, double* even, double* odd) {
   constexpr int L = 128 / sizeof(R);  // four 256-bit registers of lanes
   R acc[L] = {};
   int64_t i = 0;
@@ -90,11 +90,12 @@ TRAMEL_CLONES void block_sum_real(const R* x, int64_t n, double* even, double* o
   *even = e;
   *odd = o;
 }
+TRAMEL_VECTORIZE(block_sum_real)
 
 // Sum of (x[i] - m[i % 2])^2 over a run of reals: the squared deviations of
 // real elements (m[0] == m[1]) or of complex ones seen as pairs of reals.
 template <typename R>
-TRAMEL_CLONES double block_sq_dev(const R* x, int64_t n, R m_even, R m_odd) {
+TRAMEL_BODY double block_sq_dev_body(const R* x, int64_t n, R m_even, R m_odd) {
   constexpr int L = 128 / sizeof(R);
   R acc[L] = {}, m[L];
   for (int j = 0; j < L; ++j) m[j] = (j & 1) ? m_odd : m_even;
@@ -112,13 +113,15 @@ TRAMEL_CLONES double block_sq_dev(const R* x, int64_t n, R m_even, R m_odd) {
   }
   return s;
 }
+TRAMEL_VECTORIZE(block_sq_dev)
 
 template <typename T>
-TRAMEL_CLONES int64_t block_sum_int(const T* x, int64_t n) {
+TRAMEL_BODY int64_t block_sum_int_body(const T* x, int64_t n) {
   int64_t s = 0;
   for (int64_t i = 0; i < n; ++i) s += int64_t(x[i]);
   return s;
 }
+TRAMEL_VECTORIZE(block_sum_int)
 
 // Calls body(k, block_begin, block_len) for the kSumBlock-sized blocks of
 // [0, n), over threads when `parallel`; `part` gets one slot per block.
@@ -195,7 +198,7 @@ double sq_dev_run(const T* x, int64_t n, T m, bool parallel) {
 // i < n; r >= 1. The loops run along rows, so they vectorise; four rows at a
 // time keep the loads and stores of dst to a quarter.
 template <typename In, typename A, typename F>
-TRAMEL_CLONES void fold_rows(const In* x, A* dst, int64_t r, int64_t stride, int64_t n, F f) {
+TRAMEL_BODY void fold_rows_body(const In* x, A* dst, int64_t r, int64_t stride, int64_t n, F f) {
   for (int64_t i = 0; i < n; ++i) dst[i] = A(x[i]);
   int64_t k = 1;
   for (; k + 4 <= r; k += 4) {
@@ -207,6 +210,7 @@ TRAMEL_CLONES void fold_rows(const In* x, A* dst, int64_t r, int64_t stride, int
     for (int64_t i = 0; i < n; ++i) dst[i] = f(dst[i], A(s[i]));
   }
 }
+TRAMEL_VECTORIZE(fold_rows)
 
 // Columns per block of an [outer, r, inner] fold: long rows stream best, so
 // blocks are as wide as 64 KiB of output allows, but narrower when there

@@ -44,7 +44,7 @@ struct Extremum {
 // the loop vectorises. Extremum lets a NaN win, so a NaN anywhere reaches
 // the result.
 template <typename T, typename F>
-TRAMEL_CLONES T fold_lanes(const T* x, int64_t n, F f) {
+TRAMEL_BODY T fold_lanes_body(const T* x, int64_t n, F f) {
   constexpr int L = 128 / sizeof(T) > 0 ? 128 / sizeof(T) : 1;
   int64_t i = 0;
   T r = x[0];
@@ -58,6 +58,7 @@ TRAMEL_CLONES T fold_lanes(const T* x, int64_t n, F f) {
   for (; i < n; ++i) r = f(r, x[i]);
   return r;
 }
+TRAMEL_VECTORIZE(fold_lanes)
 
 template <typename T, typename F>
 T fold_run(const T* x, int64_t n, F f) {
@@ -104,7 +105,7 @@ Tensor extremum(const Tensor& t, const Plan& p) {
 
 // acc[i] = sum_k (x[k stride + i] - mean[i])^2 for i < n.
 template <typename R>
-TRAMEL_CLONES void sq_dev_rows(const R* x, const R* mean, R* acc, int64_t r, int64_t stride, int64_t n) {
+TRAMEL_BODY void sq_dev_rows_body(const R* x, const R* mean, R* acc, int64_t r, int64_t stride, int64_t n) {
   for (int64_t i = 0; i < n; ++i) acc[i] = R(0);
   for (int64_t k = 0; k < r; ++k) {
     const R* s = x + k * stride;
@@ -114,6 +115,7 @@ TRAMEL_CLONES void sq_dev_rows(const R* x, const R* mean, R* acc, int64_t r, int
     }
   }
 }
+TRAMEL_VECTORIZE(sq_dev_rows)
 
 // Squared deviations summed per output element, divided by `divisor`, for an
 // [outer, r, inner] block of T with r >= 1. Complex elements are pairs of
@@ -246,9 +248,10 @@ Tensor median_of(const Tensor& t, const Plan& p) {
 // ---- running sums ----
 
 template <typename A>
-TRAMEL_CLONES void add_constant(A* x, int64_t n, A v) {
+TRAMEL_BODY void add_constant_body(A* x, int64_t n, A v) {
   for (int64_t i = 0; i < n; ++i) x[i] = fn::Add{}(x[i], v);
 }
+TRAMEL_VECTORIZE(add_constant)
 
 // Running sums of one contiguous row of n, from its end when Rev. A single
 // chain of additions would wait on the adder's latency for every element, so
@@ -286,7 +289,7 @@ void scan_row(const In* x, A* out, int64_t n) {
 // out[k, i] = running sum over rows up to k (from row r - 1 down when Rev),
 // for i < n; rows `stride` apart. Each step adds a whole row: it vectorises.
 template <bool Rev, typename In, typename A>
-TRAMEL_CLONES void scan_rows(const In* x, A* out, int64_t r, int64_t stride, int64_t n) {
+TRAMEL_BODY void scan_rows_body(std::bool_constant<Rev>, const In* x, A* out, int64_t r, int64_t stride, int64_t n) {
   for (int64_t s = 0; s < r; ++s) {
     int64_t k = Rev ? r - 1 - s : s;
     const In* src = x + k * stride;
@@ -299,6 +302,7 @@ TRAMEL_CLONES void scan_rows(const In* x, A* out, int64_t r, int64_t stride, int
     }
   }
 }
+TRAMEL_VECTORIZE(scan_rows)
 
 template <bool Rev>
 Tensor running_sum(const Tensor& t, int64_t axis, const char* op) {
@@ -326,7 +330,7 @@ Tensor running_sum(const Tensor& t, int64_t axis, const char* op) {
     parallel_for(outer * cblocks, grain, [&](int64_t b, int64_t e) {
       for (int64_t w = b; w < e; ++w) {
         int64_t k = w / cblocks, c = (w % cblocks) * kColumnBlock;
-        scan_rows<Rev>(x + k * r * inner + c, o + k * r * inner + c, r, inner, std::min(kColumnBlock, inner - c));
+        scan_rows(std::bool_constant<Rev>{}, x + k * r * inner + c, o + k * r * inner + c, r, inner, std::min(kColumnBlock, inner - c));
       }
     });
   });
