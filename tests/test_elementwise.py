@@ -266,6 +266,8 @@ def test_extrema_clip_power_labels():
     assert [n.name for n in tt.minimum(a, b).nodes] == ["", ""]
     c = tt.clip(a, 0, 1)
     assert np.allclose(c.to_numpy(), [0.5, 1.0]) and [n.name for n in c.nodes] == [""]
+    with pytest.raises(TypeError, match=r"^\[clip\] min_val"):
+        tt.clip(a, "low", 1)
     c.backward()
     assert np.allclose(a.grad.to_numpy(), [1, 0])
     p = a ** 2

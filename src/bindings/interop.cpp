@@ -4,6 +4,7 @@
 #include <nanobind/stl/string.h>
 
 #include <string>
+#include <typeinfo>
 
 namespace tramel::py {
 
@@ -37,6 +38,8 @@ void register_error_translator() {
       std::rethrow_exception(p);
     } catch (const Error& e) {
       PyErr_SetString(python_type(e.kind()), e.what());
+    } catch (const std::bad_cast&) {
+      PyErr_SetString(PyExc_TypeError, "a value has a type that this operation cannot take");
     }
   });
 }
@@ -50,6 +53,8 @@ void set_python_error_from_current_exception() noexcept {
     PyErr_SetString(python_type(e.type()), e.what());
   } catch (const Error& e) {
     PyErr_SetString(python_type(e.kind()), e.what());
+  } catch (const std::bad_cast&) {
+    PyErr_SetString(PyExc_TypeError, "a value has a type that this operation cannot take");
   } catch (const std::exception& e) {
     PyErr_SetString(PyExc_RuntimeError, e.what());
   } catch (...) {
@@ -81,6 +86,16 @@ std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what
   std::vector<int64_t> out(static_cast<size_t>(n));
   for (Py_ssize_t i = 0; i < n; ++i) out[size_t(i)] = int_arg(items[i], op, what);
   return out;
+}
+
+double float_arg(nb::handle value, const char* op, const char* what) {
+  double v = PyFloat_AsDouble(value.ptr());
+  if (v == -1.0 && PyErr_Occurred()) {
+    PyErr_Clear();
+    fail(ErrorKind::Type, op,
+         std::string(what) + " must be a real number, got " + nb::type_name(value.type()).c_str());
+  }
+  return v;
 }
 
 namespace {

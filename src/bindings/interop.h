@@ -28,6 +28,8 @@ Scalar scalar_arg(nb::handle value, const char* op);
 int device_arg(nb::handle value, const char* op);
 // A Python integer (not bool); `what` names it in the error.
 int64_t int_arg(nb::handle value, const char* op, const char* what);
+// A real Python number (int, float, numpy scalar).
+double float_arg(nb::handle value, const char* op, const char* what);
 // One integer, or a sequence of them (list, tuple, numpy integer array).
 std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what);
 

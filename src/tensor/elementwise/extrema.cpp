@@ -59,7 +59,7 @@ Tensor clip_grad(const Tensor& g, const FnGrad& f) { return clamp_grad(f.data(0)
 
 nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
   const Tensor& x = core_of(as_qtensor(t, "clip"), "clip");
-  double low = nb::cast<double>(min_val), high = nb::cast<double>(max_val);
+  double low = py::float_arg(min_val, "clip", "min_val"), high = py::float_arg(max_val, "clip", "max_val");
   nb::object y = make_result(clamp(x, low, high), {t}, [&](int) {
     FnGrad grad(&clip_grad, nullptr, 0, {t});
     grad.bounds[0] = low;
