@@ -28,7 +28,7 @@ class FnGrad final : public GradFn {
     int i = 0;
     for (nb::handle h : held) held_[i++] = nb::borrow(h);
   }
-  nb::object apply(nb::handle grad) override { return wrap_core(fn_(as_core(grad, "backward"), *this)); }
+  Tensor apply(const Tensor& grad) override { return fn_(grad, *this); }
   int traverse(visitproc visit, void* arg) override {
     for (nb::object& h : held_) Py_VISIT(h.ptr());
     return 0;
@@ -69,9 +69,10 @@ nb::object edge(nb::handle input, FnGrad grad, const std::string& name);
 // The result of an operator from its core result: requires_grad and nodes by
 // the rule of results, make_edge(i) giving the GraphNode of input i (or an
 // invalid object for an input that gets no edge).
+// The nodes of a result: make_edge(i) for each input whose flag is truthy
+// (an invalid object: no edge); null when there are none.
 template <typename MakeEdge>
-nb::object make_result(nb::object data, std::initializer_list<nb::handle> inputs, MakeEdge&& make_edge) {
-  nb::handle requires_grad = requires_grad_or(inputs);
+nb::object edges_of(std::initializer_list<nb::handle> inputs, MakeEdge& make_edge) {
   nb::object nodes;
   int i = 0;
   for (nb::handle input : inputs) {
@@ -84,13 +85,23 @@ nb::object make_result(nb::object data, std::initializer_list<nb::handle> inputs
     }
     ++i;
   }
+  return nodes;
+}
+
+template <typename MakeEdge>
+nb::object make_result(nb::object data, std::initializer_list<nb::handle> inputs, MakeEdge&& make_edge) {
+  nb::handle requires_grad = requires_grad_or(inputs);
+  nb::object nodes = edges_of(inputs, make_edge);
   nb::object device = device_object(as_core(data, "operator").device());
   return new_qtensor(std::move(data), requires_grad, nodes.is_valid() ? nodes : nb::none(), device);
 }
 
 template <typename MakeEdge>
 nb::object make_result(Tensor data, std::initializer_list<nb::handle> inputs, MakeEdge&& make_edge) {
-  return make_result(wrap_core(std::move(data)), inputs, std::forward<MakeEdge>(make_edge));
+  nb::handle requires_grad = requires_grad_or(inputs);
+  nb::object nodes = edges_of(inputs, make_edge);
+  nb::object device = device_object(data.device());
+  return new_qtensor(std::move(data), requires_grad, nodes.is_valid() ? nodes : nb::none(), device);
 }
 
 // A result whose only edge-maker makes no edges (comparisons): requires_grad

@@ -304,6 +304,7 @@ nb::object empty_text() {
 void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                  nb::handle name) {
   new (q) QTensor{std::move(data),
+                  Tensor(),
                   nb::borrow(requires_grad),
                   truthy(nodes) ? nb::borrow(nodes) : nb::object(),
                   nb::object(),
@@ -444,6 +445,29 @@ nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nod
   return obj;
 }
 
+nb::object new_qtensor(Tensor value, nb::handle requires_grad, nb::handle nodes, nb::handle device) {
+  nb::object obj = nb::inst_alloc(qtensor_type());
+  QTensor* q = nb::inst_ptr<QTensor>(obj);
+  init_fields(q, nb::object(), requires_grad, nodes, device, nb::handle());
+  q->value = std::move(value);
+  nb::inst_mark_ready(obj);
+  record_constant(obj, *q);
+  return obj;
+}
+
+nb::object& data_of(QTensor& q) {
+  if (!q.data.is_valid()) {
+    q.data = wrap_core(std::move(q.value));
+    q.value = Tensor();
+  }
+  return q.data;
+}
+
+void set_data(QTensor& q, nb::handle data) {
+  q.data = nb::borrow(data);
+  q.value = Tensor();
+}
+
 nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                              nb::handle dtype) {
   return new_qtensor(to_coretensor_ndarray(data, device, dtype), requires_grad, nodes, device);
@@ -451,7 +475,7 @@ nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::hand
 
 nb::object qtensor_from_core(Tensor t) {
   int device = t.device();
-  return new_qtensor(wrap_core(std::move(t)), Py_False, Py_None, device_object(device));
+  return new_qtensor(std::move(t), Py_False, Py_None, device_object(device));
 }
 
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
@@ -590,7 +614,8 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
   nb::class_<GradFn> gradfn(m, "GradFn", nb::type_slots(gradfn_slots),
                             "Derivative function of a built-in operator: takes and returns a _core.Tensor.");
   g_types.gradfn = (PyTypeObject*)gradfn.ptr();
-  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return f.apply(g); }, nb::arg("grad").none());
+  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return wrap_core(f.apply(as_core(g, "backward"))); },
+             nb::arg("grad").none());
 
   cls.def("__init__",
           [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
@@ -607,7 +632,9 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
           nb::arg("data").none(), nb::arg("requires_grad").none() = false, nb::arg("nodes").none() = nb::none(), nb::arg("device").none() = 0,
           nb::arg("dtype").none() = nb::none(), nb::arg("name").none() = "");
 
-  cls.def_rw("data", &QTensor::data, nb::arg().none());
+  cls.def_prop_rw(
+      "data", [](QTensor& q) { return data_of(q); }, [](QTensor& q, nb::handle value) { set_data(q, value); },
+      nb::arg().none());
   cls.def_rw("requires_grad", &QTensor::requires_grad, nb::arg().none());
   cls.def_prop_rw(
       "nodes", [](QTensor& q) { return materialized(q.nodes); },

@@ -65,8 +65,14 @@ struct PendingLinks {
   int count = 0;
 };
 
+// Note [core tensor made on first read]
+// An operator's result keeps its engine tensor in `value`, and the Python
+// _core.Tensor object for `data` is made when Python first reads it (and
+// kept from then on, so two reads give the same object). C++ reaches the
+// tensor through core_of() either way.
 struct QTensor {
-  nb::object data;             // a _core.Tensor
+  nb::object data;             // a _core.Tensor, or null while the tensor is in `value`
+  mutable Tensor value;
   nb::object requires_grad;
   nb::object nodes;            // list of GraphNode; see Note [lazy empty lists]
   nb::object link_nodes;       // list of GraphNode with df None; likewise
@@ -92,7 +98,8 @@ struct GraphNode {
 class GradFn {
  public:
   virtual ~GradFn() = default;
-  virtual nb::object apply(nb::handle grad) = 0;  // grad: a _core.Tensor
+  // The gradient for the edge's input from the incoming gradient.
+  virtual Tensor apply(const Tensor& grad) = 0;
   // The Python objects held, for the cycle collector.
   virtual int traverse(visitproc visit, void* arg) = 0;
   virtual void clear() = 0;
@@ -134,8 +141,13 @@ QTensor& as_qtensor(nb::handle h, const char* op);
 GraphNode& as_graphnode(nb::handle h, const char* op);
 // The engine tensor behind a _core.Tensor object.
 Tensor& as_core(nb::handle h, const char* op);
-// The engine tensor of a QTensor's data field.
-inline Tensor& core_of(const QTensor& q, const char* op) { return as_core(q.data, op); }
+// The engine tensor of a QTensor; see Note [core tensor made on first read].
+inline Tensor& core_of(const QTensor& q, const char* op) {
+  return q.data.is_valid() ? as_core(q.data, op) : q.value;
+}
+// The `data` object, made on first read.
+nb::object& data_of(QTensor& q);
+void set_data(QTensor& q, nb::handle data);
 // A new _core.Tensor object owning t.
 nb::object wrap_core(Tensor t);
 
@@ -148,9 +160,11 @@ int64_t device_of(nb::handle device_field, const char* op);
 nb::object device_object(int device);
 
 // The one way to build a QTensor from C++: fields as the constructor sets
-// them, then the constant record when recording is on.
+// them, then the constant record when recording is on. `data` is a
+// _core.Tensor object, or an engine tensor kept until `data` is read.
 nb::object new_qtensor(nb::object data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                        nb::handle name = nb::handle());
+nb::object new_qtensor(Tensor value, nb::handle requires_grad, nb::handle nodes, nb::handle device);
 // QTensor(data, requires_grad, nodes, device, dtype), as the constructor does it.
 nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
                              nb::handle dtype);

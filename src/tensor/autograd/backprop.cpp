@@ -121,11 +121,15 @@ bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
   return true;
 }
 
-nb::object call_derivative(nb::handle df, nb::handle grad) {
-  if (PyObject_TypeCheck(df.ptr(), gradfn_type())) return nb::inst_ptr<GradFn>(df)->apply(grad);
-  PyObject* result = PyObject_CallOneArg(df.ptr(), grad.ptr());
-  if (!result) throw nb::python_error();
-  return nb::steal(result);
+// Adds the gradient that a Python derivative function returned.
+void add_returned(Tensor& accumulated, nb::handle ingrad, int64_t edge_device) {
+  if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
+    add_(accumulated, py::tensor_from_array(ingrad, int(edge_device), accumulated.dtype(), "backward"));
+  else if (is_core_tensor(ingrad))
+    add_(accumulated, as_core(ingrad, "backward"));
+  else
+    throw nb::type_error(("[backward] a derivative function must return a _core.Tensor or a numpy.ndarray, got " +
+                          std::string(nb::type_name(ingrad.type()).c_str())).c_str());
 }
 
 void backprop_impl(nb::handle g, nb::handle end) {
@@ -136,23 +140,28 @@ void backprop_impl(nb::handle g, nb::handle end) {
     for_each_edge(node, [&](GraphNode& edge) {
       if (edge.df.is_none()) return;
       QTensor& parent = as_qtensor(edge.tensor, "backward");
-      nb::handle grad_data = as_qtensor(outgrad, "backward").data;
+      QTensor& incoming = as_qtensor(outgrad, "backward");
+      const Tensor& grad = core_of(incoming, "backward");
       int64_t edge_device = device_of(edge.device, "backward");
-      int grad_device = as_core(grad_data, "backward").device();
-      bool crosses = (edge_device >= kFirstAccelerator && grad_device == kCpuDevice) ||
-                     (edge_device == kCpuDevice && grad_device >= kFirstAccelerator);
-      nb::object ingrad = crosses ? call_derivative(edge.df, wrap_core(to_device(as_core(grad_data, "backward"),
-                                                                                 int(edge_device), "backward")))
-                                  : call_derivative(edge.df, grad_data);
-      if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
-      Tensor& accumulated = core_of(as_qtensor(parent.grad, "backward"), "backward");
-      if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
-        add_(accumulated, py::tensor_from_array(ingrad, int(edge_device), accumulated.dtype(), "backward"));
-      else if (is_core_tensor(ingrad))
-        add_(accumulated, as_core(ingrad, "backward"));
-      else
-        throw nb::type_error(("[backward] a derivative function must return a _core.Tensor or a numpy.ndarray, got " +
-                              std::string(nb::type_name(ingrad.type()).c_str())).c_str());
+      // A gradient on the processor meeting an edge on an accelerator, or the
+      // reverse, is copied to the edge's device first.
+      bool crosses = (edge_device >= kFirstAccelerator && grad.device() == kCpuDevice) ||
+                     (edge_device == kCpuDevice && grad.device() >= kFirstAccelerator);
+      Tensor moved = crosses ? to_device(grad, int(edge_device), "backward") : Tensor();
+      const Tensor& given = crosses ? moved : grad;
+      // Built-in derivatives run in C++; any other callable gets a _core.Tensor.
+      if (PyObject_TypeCheck(edge.df.ptr(), gradfn_type())) {
+        Tensor ingrad = nb::inst_ptr<GradFn>(edge.df)->apply(given);
+        if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
+        add_(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad);
+      } else {
+        nb::object argument = crosses ? wrap_core(std::move(moved)) : nb::object(data_of(incoming));
+        PyObject* result = PyObject_CallOneArg(edge.df.ptr(), argument.ptr());
+        if (!result) throw nb::python_error();
+        nb::object ingrad = nb::steal(result);
+        if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
+        add_returned(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad, edge_device);
+      }
       outgrads.set(edge.tensor, parent.grad);
     });
   }

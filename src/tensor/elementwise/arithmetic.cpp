@@ -52,11 +52,17 @@ nb::object arithmetic(const ArithmeticRow& row, nb::handle x1, nb::handle x2) {
   const Tensor& a = core_of(as_qtensor(t1, row.name), row.name);
   const Tensor& b = core_of(as_qtensor(t2, row.name), row.name);
   Shape s1 = a.shape(), s2 = b.shape();
-  nb::object data = wrap_core(binary(row.forward, a, b));
-  nb::object y = make_result(data, {t1, t2}, [&](int i) {
-    FnGrad grad = row.holds_result ? FnGrad(&arithmetic_grad, &row, i, {t1, t2, data}) : FnGrad(&arithmetic_grad, &row, i, {t1, t2});
-    return edge(i == 0 ? t1 : t2, std::move(grad), LazyLabel(i == 0 ? "t1 grad " : "t2 grad ").shape(s1).then(row.infix).shape(s2));
-  });
+  Tensor result = binary(row.forward, a, b);
+  // The forward result is held by the gradient only where the row needs it.
+  nb::object data = row.holds_result ? wrap_core(std::move(result)) : nb::object();
+  auto make_edge = [&](int i) {
+    FnGrad grad = row.holds_result ? FnGrad(&arithmetic_grad, &row, i, {t1, t2, data})
+                                   : FnGrad(&arithmetic_grad, &row, i, {t1, t2});
+    return edge(i == 0 ? t1 : t2, std::move(grad),
+                LazyLabel(i == 0 ? "t1 grad " : "t2 grad ").shape(s1).then(row.infix).shape(s2));
+  };
+  nb::object y = row.holds_result ? make_result(data, {t1, t2}, make_edge)
+                                  : make_result(std::move(result), {t1, t2}, make_edge);
   record_always_linked(y, {{t1, "t1 no grad "}, {t2, "t2 no grad "}}, LazyLabel().shape(s1).then(row.infix).shape(s2),
                        [&] {
                          return make_record(ids(t1, row.opid_infix, t2) + "_" + id_text(y), row.opname, {t1, t2}, y,

@@ -91,12 +91,15 @@ LazyLabel node_label(const UnaryRow& row, nb::handle t, const Shape& shape) {
 nb::object apply_unary(const UnaryRow& row, nb::handle t) {
   const Tensor& x = core_of(as_qtensor(t, row.name), row.name);
   Shape shape = x.shape();
-  nb::object data = wrap_core(unary(row.forward, x));
-  nb::object y = make_result(data, {t}, [&](int) -> nb::object {
+  Tensor result = unary(row.forward, x);
+  // The forward result is held by the gradient only where the row needs it.
+  nb::object data = row.holds_result ? wrap_core(std::move(result)) : nb::object();
+  auto make_edge = [&](int) -> nb::object {
     if (!row.grad) return nb::object();
     FnGrad grad = row.holds_result ? FnGrad(row.grad, &row, 0, {t, data}) : FnGrad(row.grad, &row, 0, {t});
     return edge(t, std::move(grad), node_label(row, t, shape));
-  });
+  };
+  nb::object y = row.holds_result ? make_result(data, {t}, make_edge) : make_result(std::move(result), {t}, make_edge);
   if (row.always_linked)
     record_always_linked(y, {{t, row.link_text}}, LazyLabel().shape(shape), [&] {
       return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, nb::list());

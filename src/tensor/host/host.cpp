@@ -41,7 +41,7 @@ void copy_value_from(nb::handle self, nb::handle other) {
   DType dtype = core_of(dst, "copy_value_from").dtype();
   // The source keeps the converted data: it is changed, as its users expect.
   if (core_of(src, "copy_value_from").dtype() != dtype)
-    src.data = wrap_core(to_dtype(core_of(src, "copy_value_from"), dtype, false));
+    set_data(src, wrap_core(to_dtype(core_of(src, "copy_value_from"), dtype, false)));
   copy_into(core_of(src, "copy_value_from"), core_of(dst, "copy_value_from"));
 }
 

@@ -114,7 +114,7 @@ void init_extremes(nb::module_& m) {
                            : nb::borrow(result);
     FnGrad grad(&min_max_grad, nullptr, 0, {inputs, value});
     if (!axis.is_none()) grad.axes = {py::int_arg(axis, "_min_max_grad", "axis")};
-    return grad.apply(x);
+    return wrap_core(grad.apply(as_core(x, "_min_max_grad")));
   }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());
 }
 
