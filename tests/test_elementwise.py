@@ -390,3 +390,13 @@ def test_complex_parameters_train_by_gradient_descent():
         loss.backward()
         w = QTensor(w.to_numpy() - 0.1 * w.grad.to_numpy(), requires_grad=True)
     assert losses[-1] < losses[0] / 100
+
+
+def test_result_data_behaves_as_a_plain_attribute():
+    y = QTensor(np.array([1.0, 2.0])) * 2.0
+    first = y.data
+    assert y.data is first
+    first.fill_(3.0)  # an in-place core call through it changes the tensor
+    assert np.array_equal(y.to_numpy(), [3.0, 3.0])
+    y.data = QTensor(np.array([5.0])).data
+    assert y.shape == [1] and y.item() == 5.0
