@@ -34,7 +34,7 @@ NB_MODULE(tensor, m) {
   init_host(m, cls);
   init_device(m, cls);
   init_query(m, cls);
-  init_fngrad(m);
+  init_gradfn(m);
   init_autograd(m);
   init_creation(m);
   init_broadcast(m);

@@ -1,112 +1,99 @@
-// What every differentiable operator does around its core call, written once:
-// the rule of results, its edges and their derivative objects.
+// The recipe every operator follows around its core call, written once: the
+// rule of results, the edges of a result and what their derivatives keep.
 //
 // Note [rule of results]
 // A result's requires_grad is Python's `a or b` over its inputs' flags (the
-// first truthy flag object, else the last one), and its nodes hold one
-// GraphNode per input whose flag is truthy, in input order; the result lives
-// on the core result's device. Derivative functions hold the operator's
-// tensors and read their data and grad only when they run.
+// first truthy flag object, else the last one), and its edges go to each
+// input whose flag is truthy, in input order; the result lives on the core
+// result's device. An operator with its own rule for the flag (mean over all
+// elements, min) passes it in ResultFields, and then edges are made only
+// when that flag is truthy too.
+//
+// Shapes of operators and the recipe call for each:
+//   one result:        make_result(data, {t1, t2}, row, describe)
+//   a list of inputs:  make_result(data, Inputs(handles, n), row, describe)
+//   several results:   one make_result per result, each with its own edges
+//                      (a piece of a split keeps its index in derivative.axes)
+//   no gradient:       make_leaf_result(data, inputs)
+// `row` is the operator's row of the derivatives table (Note [derivatives
+// table]); describe(i, edge) names the edge of input i and adds the
+// operator's parameters to edge.derivative. The recipe itself saves the
+// inputs and the forward result when the row asks for them.
 #pragma once
 #include <initializer_list>
+#include <string_view>
 #include <vector>
 
+#include "tensor/autograd/derivative.h"
 #include "tensor/export/record.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
 
-// The derivative object of every built-in operator: a plain function over the
-// incoming gradient and what the operator held on to (its input tensors, its
-// forward result, an axis, bounds).
-class FnGrad final : public GradFn {
+// The input tensors of an operator: a view of handles, from a braced list or
+// from an array of any length.
+class Inputs {
  public:
-  using Fn = Tensor (*)(const Tensor& g, const FnGrad& self);
-
-  FnGrad(Fn fn, const void* row, int which, std::initializer_list<nb::handle> held)
-      : fn_(fn), row_(row), which_(which) {
-    int i = 0;
-    for (nb::handle h : held) held_[i++] = nb::borrow(h);
-  }
-  Tensor apply(const Tensor& grad) override { return fn_(grad, *this); }
-  int traverse(visitproc visit, void* arg) override {
-    for (nb::object& h : held_) Py_VISIT(h.ptr());
-    return 0;
-  }
-  void clear() override {
-    for (nb::object& h : held_) h.reset();
-  }
-
-  // The operator's table row, and which input this edge leads to.
-  template <typename Row> const Row& row() const { return *static_cast<const Row*>(row_); }
-  int which() const { return which_; }
-  // The engine tensor of held object i: a QTensor's data, or a _core.Tensor.
-  const Tensor& data(int i) const;
-  nb::handle held(int i) const { return held_[i]; }
-  // The engine tensor of held QTensor i's grad (read when the gradient runs).
-  const Tensor& grad_data(int i) const;
-
-  std::vector<int64_t> axes;  // axes, permutations, repeats (empty: all axes)
-  double bounds[2] = {0, 0};  // clip
-  bool flag = false;          // unbiased (std, var)
+  Inputs(std::initializer_list<nb::handle> list) : data_(list.begin()), size_(list.size()) {}
+  Inputs(const nb::handle* data, size_t size) : data_(data), size_(size) {}
+  const nb::handle* begin() const { return data_; }
+  const nb::handle* end() const { return data_ + size_; }
+  size_t size() const { return size_; }
+  nb::handle operator[](size_t i) const { return data_[i]; }
 
  private:
-  Fn fn_;
-  const void* row_;
-  int which_;
-  nb::object held_[3];
+  const nb::handle* data_;
+  size_t size_;
+};
+
+// Fields of a result that an operator sets itself instead of by the rule of
+// results (unset: by the rule).
+struct ResultFields {
+  nb::handle requires_grad;
+  nb::handle device;
 };
 
 // Python's `a or b or ...` over the inputs' requires_grad; see Note [rule of results].
-nb::handle requires_grad_or(std::initializer_list<nb::handle> inputs);
+nb::handle requires_grad_or(Inputs inputs);
 
-// A GraphNode to `input` whose df is `grad`, moved into a Python object of
-// its own (one allocation: FnGrad is a bound class, held inline).
-nb::object edge(nb::handle input, FnGrad grad, const LazyLabel& label);
-// The same with a name formatted now (labels holding Python values' text).
-nb::object edge(nb::handle input, FnGrad grad, const std::string& name);
-
-// The result of an operator from its core result: requires_grad and nodes by
-// the rule of results, make_edge(i) giving the GraphNode of input i (or an
-// invalid object for an input that gets no edge).
-// The nodes of a result: make_edge(i) for each input whose flag is truthy
-// (an invalid object: no edge); null when there are none.
-template <typename MakeEdge>
-nb::object edges_of(std::initializer_list<nb::handle> inputs, MakeEdge& make_edge) {
-  nb::object nodes;
-  int i = 0;
-  for (nb::handle input : inputs) {
-    if (truthy(as_qtensor(input, "operator").requires_grad)) {
-      nb::object node = make_edge(i);
-      if (node.is_valid()) {
-        if (!nodes.is_valid()) nodes = nb::list();
-        if (PyList_Append(nodes.ptr(), node.ptr()) < 0) throw nb::python_error();
-      }
-    }
-    ++i;
+// Appends the edges of y to the inputs that require a gradient.
+template <typename Describe>
+void add_edges(QTensor& y, Inputs inputs, const Derivatives& row, Describe& describe) {
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    QTensor& input = as_qtensor(inputs[i], "operator");
+    const Gradient& gradient = row.for_input(int(i));
+    if (!gradient.formula || !truthy(input.requires_grad)) continue;
+    Edge& e = y.edges.emplace_back();
+    e.tensor = nb::borrow(inputs[i]);
+    e.device = input.device;
+    e.derivative = Derivative(gradient, int(i), inputs[i], inputs.begin(), inputs.size());
+    if (gradient.saves & kSavesResult) e.derivative.save_result(core_of(y, "operator"));
+    describe(int(i), e);
   }
-  return nodes;
 }
 
-template <typename MakeEdge>
-nb::object make_result(nb::object data, std::initializer_list<nb::handle> inputs, MakeEdge&& make_edge) {
-  nb::handle requires_grad = requires_grad_or(inputs);
-  nb::object nodes = edges_of(inputs, make_edge);
-  nb::object device = device_object(as_core(data, "operator").device());
-  return new_qtensor(std::move(data), requires_grad, nodes.is_valid() ? nodes : nb::none(), device);
+// A result of an operator with its edges; see the recipe above.
+template <typename Describe>
+nb::object make_result(Tensor data, Inputs inputs, const Derivatives& row, Describe&& describe,
+                       ResultFields fields = {}) {
+  nb::handle requires_grad = fields.requires_grad.is_valid() ? fields.requires_grad : requires_grad_or(inputs);
+  nb::object device = fields.device.is_valid() ? nb::borrow(fields.device) : device_object(data.device());
+  nb::object y = new_qtensor(std::move(data), requires_grad, Py_None, device);
+  if (truthy(requires_grad)) add_edges(as_qtensor(y, "operator"), inputs, row, describe);
+  return y;
 }
 
-template <typename MakeEdge>
-nb::object make_result(Tensor data, std::initializer_list<nb::handle> inputs, MakeEdge&& make_edge) {
-  nb::handle requires_grad = requires_grad_or(inputs);
-  nb::object nodes = edges_of(inputs, make_edge);
-  nb::object device = device_object(data.device());
-  return new_qtensor(std::move(data), requires_grad, nodes.is_valid() ? nodes : nb::none(), device);
-}
+// A result without edges (comparisons): requires_grad still follows the inputs.
+nb::object make_leaf_result(Tensor data, Inputs inputs, ResultFields fields = {});
 
-// A result whose only edge-maker makes no edges (comparisons): requires_grad
-// still follows the inputs.
-nb::object make_leaf_result(Tensor data, std::initializer_list<nb::handle> inputs);
+// The row of a family table whose name is `name` (a table out of step with
+// its users fails at module initialisation).
+template <typename Row, size_t N>
+const Row& row_named(const Row (&rows)[N], std::string_view name) {
+  for (const Row& row : rows)
+    if (name == row.name) return row;
+  throw std::logic_error("no table row named " + std::string(name));
+}
 
 // Shared pieces of the element-wise family (elementwise/broadcast.cpp).
 // _broadcast: a gradient reduced to the shape and dtype of an operand's grad.
@@ -125,6 +112,22 @@ int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar = true);
 // The same for an axis to insert: a negative one counts from one past the end.
 int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim);
 
+// Gradient helpers that the derivatives table and the module's own gradient
+// functions share (defined with their operators).
+// A reduced gradient x, with ones at the reduced axes of `shape`, expanded over `shape`.
+Tensor expand_reduced(const Tensor& x, const Shape& shape, const Dims& axes);
+// The gradient of a sum over all elements: g's one value over `shape`.
+Tensor sum_all_grad(const Tensor& g, const Shape& shape);
+// _min_max_grad: g spread to the extremes of the input.
+Tensor min_max_grad(const Tensor& g, const Tensor& input, const Tensor& result, const Dims& axes);
+// The weights of operand x of z = maximum/minimum(x, y): 1 where x alone won, 1/2 at a tie.
+Tensor selection_weights(const Tensor& x, const Tensor& z, const Tensor& y, DType dtype);
+// The gradients of std and var (reduce/spread.cpp); t is the operator's input QTensor.
+Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const Dims& axes, bool unbiased);
+Tensor var_grad(const Tensor& g, nb::handle t, const Dims& axes, bool unbiased);
+// The inverse of the permutation `dims`.
+std::vector<int64_t> inverse_permutation(const Dims& dims);
+
 // id(a) + infix + id(b), the usual opid prefix.
 inline std::string ids(nb::handle a, const char* infix, nb::handle b) { return id_text(a) + infix + id_text(b); }
 
@@ -132,17 +135,30 @@ inline std::string ids(nb::handle a, const char* infix, nb::handle b) { return i
 // _operator_tables for the test that every row has a test entry.
 void register_family_names(const char* family, nb::list names);
 
-// Binds every row of a family table as a module function op(row, tensors...)
+// A family row with its derivatives found by name, as the family's run
+// function takes them (derivatives null for an operator without gradient).
+template <typename Row>
+struct Bound {
+  const Row& row;
+  const Derivatives* derivatives;
+};
+template <typename Row, size_t N>
+Bound<Row> bound_row(const Row (&rows)[N], std::string_view name) {
+  const Row& row = row_named(rows, name);
+  return {row, find_derivatives(row.name)};
+}
+
+// Binds every row of a family table as a module function run(row, tensors...)
 // taking `Arity` tensors, and registers the family's names.
-template <int Arity, typename Row, size_t N, typename Op>
-void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Op op) {
+template <int Arity, typename Row, size_t N, typename Run>
+void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Run run) {
   nb::list names;
   for (const Row& row : rows) {
-    const Row* r = &row;
+    Bound<Row> b{row, find_derivatives(row.name)};
     if constexpr (Arity == 1)
-      m.def(row.name, [r, op](nb::handle t) { return op(*r, t); }, nb::arg("t").none());
+      m.def(row.name, [b, run](nb::handle t) { return run(b, t); }, nb::arg("t").none());
     else
-      m.def(row.name, [r, op](nb::handle t1, nb::handle t2) { return op(*r, t1, t2); }, nb::arg("t1").none(),
+      m.def(row.name, [b, run](nb::handle t1, nb::handle t2) { return run(b, t1, t2); }, nb::arg("t1").none(),
             nb::arg("t2").none());
     names.append(row.name);
   }
@@ -150,7 +166,7 @@ void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Op op)
 }
 
 void init_operator_tables(nb::module_& m);
-void init_fngrad(nb::module_& m);
+void init_gradfn(nb::module_& m);
 // One per family file.
 void init_broadcast(nb::module_& m);
 void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls);
@@ -167,7 +183,5 @@ void init_tile(nb::module_& m);
 nb::object unsqueeze_op(nb::handle t, nb::handle axis);
 // mean(t, axis, keepdims), for the gradients of std and var.
 nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims);
-// The axes of a reduction as the caller gave them (an int or a list of ints).
-std::vector<int64_t> axis_list(nb::handle axis, const char* op);
 
 }  // namespace tramel::tensor

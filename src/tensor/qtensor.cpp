@@ -43,26 +43,27 @@ int clear_fields(PyObject* self, std::initializer_list<nb::object T::*> members)
 int qtensor_traverse(PyObject* self, visitproc visit, void* arg) {
   int r = traverse_fields<QTensor>(self, visit, arg, nb::inst_ptr<QTensor>(self), QTENSOR_FIELDS);
   if (r || !nb::inst_ready(self)) return r;
-  const PendingLinks& pending = nb::inst_ptr<QTensor>(self)->pending_links;
-  for (int i = 0; i < pending.count; ++i) Py_VISIT(pending.inputs[i].ptr());
+  const QTensor& q = *nb::inst_ptr<QTensor>(self);
+  for (int i = 0; i < q.pending_links.count; ++i) Py_VISIT(q.pending_links.inputs[i].ptr());
+  for (const Edge& e : q.edges) {
+    Py_VISIT(e.tensor.ptr());
+    Py_VISIT(e.device.ptr());
+    if (int r = e.derivative.traverse(visit, arg)) return r;
+  }
   return 0;
 }
 int qtensor_clear(PyObject* self) {
-  if (nb::inst_ready(self)) nb::inst_ptr<QTensor>(self)->pending_links = PendingLinks();
+  if (nb::inst_ready(self)) {
+    QTensor& q = *nb::inst_ptr<QTensor>(self);
+    q.pending_links = PendingLinks();
+    std::vector<Edge>().swap(q.edges);
+  }
   return clear_fields<QTensor>(self, QTENSOR_FIELDS);
 }
 int graphnode_traverse(PyObject* self, visitproc visit, void* arg) {
   return traverse_fields<GraphNode>(self, visit, arg, nb::inst_ptr<GraphNode>(self), GRAPHNODE_FIELDS);
 }
 int graphnode_clear(PyObject* self) { return clear_fields<GraphNode>(self, GRAPHNODE_FIELDS); }
-int gradfn_traverse(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  return nb::inst_ready(self) ? nb::inst_ptr<GradFn>(self)->traverse(visit, arg) : 0;
-}
-int gradfn_clear(PyObject* self) {
-  if (nb::inst_ready(self)) nb::inst_ptr<GradFn>(self)->clear();
-  return 0;
-}
 
 // ---- number and comparison slots ----
 // QTensor's operators are type slots rather than methods, so `x * y` reaches
@@ -114,7 +115,6 @@ PyType_Slot qtensor_slots[] = {
     {Py_tp_richcompare, (void*)slot_richcompare}, {Py_tp_hash, (void*)slot_hash},
     {0, nullptr}};
 PyType_Slot graphnode_slots[] = {{Py_tp_traverse, (void*)graphnode_traverse}, {Py_tp_clear, (void*)graphnode_clear}, {0, nullptr}};
-PyType_Slot gradfn_slots[] = {{Py_tp_traverse, (void*)gradfn_traverse}, {Py_tp_clear, (void*)gradfn_clear}, {0, nullptr}};
 
 // ---- the way in of host data ----
 
@@ -314,7 +314,8 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
                   nb::borrow(Py_False),
                   name ? nb::borrow(name) : empty_text(),
                   nb::borrow(Py_True),
-                  PendingLinks()};
+                  PendingLinks(),
+                  {}};
 }
 
 // ---- astype ----
@@ -332,20 +333,16 @@ const char* astype_label_tail(DType from, DType to) {
   return tails[size_t(int(from) * kNumDTypes + int(to))].c_str();
 }
 
-// The gradient of astype: back to the source's dtype as it is when it runs.
-Tensor astype_grad(const Tensor& g, const FnGrad& f) { return to_dtype(g, f.data(0).dtype(), true); }
-
+// The gradient goes back to the source's dtype as it is when it runs.
 nb::object astype(nb::handle self, nb::handle dtype) {
+  static const Derivatives& derivatives = derivatives_of("astype");
   QTensor& s = as_qtensor(self, "astype");
   const Tensor& source = core_of(s, "astype");
   DType target = *py::dtype_arg(dtype, "astype");
-  nb::object data = wrap_core(to_dtype(source, target, true));
-  nb::list nodes;
-  if (truthy(s.requires_grad)) {
-    nodes.append(edge(self, FnGrad(&astype_grad, nullptr, 0, {self}),
-                      LazyLabel().id(self).then(astype_label_tail(source.dtype(), target))));
-  }
-  nb::object y = new_qtensor(data, s.requires_grad, nodes, s.device);
+  DType from = source.dtype();
+  nb::object y = make_result(to_dtype(source, target, true), {self}, derivatives, [&](int, Edge& e) {
+    e.label = LazyLabel().id(self).then(astype_label_tail(from, target));
+  }, {s.requires_grad, s.device});
   record_cast(self, y);
   return y;
 }
@@ -455,7 +452,7 @@ nb::object new_qtensor(Tensor value, nb::handle requires_grad, nb::handle nodes,
   return obj;
 }
 
-nb::object& data_of(QTensor& q) {
+nb::object& data_object(QTensor& q) {
   if (!q.data.is_valid()) {
     q.data = wrap_core(std::move(q.value));
     q.value = Tensor();
@@ -483,76 +480,57 @@ nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
 }
 
 namespace {
-nb::object new_graphnode(nb::handle tensor, nb::handle df, nb::handle name, const LazyLabel& label) {
-  nb::object device = is_qtensor(tensor) ? as_qtensor(tensor, "GraphNode").device
-                                         : nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
+nb::object device_attribute(nb::handle tensor) {
+  if (is_qtensor(tensor)) return as_qtensor(tensor, "GraphNode").device;
+  nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
   if (!device.is_valid()) throw nb::python_error();
+  return device;
+}
+
+nb::object new_graphnode(nb::handle tensor, nb::object df, nb::object device, nb::handle name, const LazyLabel& label) {
   nb::object obj = nb::inst_alloc(graphnode_type());
-  new (nb::inst_ptr<GraphNode>(obj)) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, label};
+  new (nb::inst_ptr<GraphNode>(obj))
+      GraphNode{nb::borrow(tensor), nb::borrow(name), std::move(df), std::move(device), label};
   nb::inst_mark_ready(obj);
   return obj;
 }
 }  // namespace
 
+nb::object graphnode_of(Edge&& edge) {
+  return new_graphnode(edge.tensor, gradfn_object(std::move(edge.derivative)), std::move(edge.device), nb::handle(),
+                       edge.label);
+}
+
+nb::object& nodes_of(QTensor& q) {
+  nb::object& list = materialized(q.nodes);
+  if (!q.edges.empty()) {
+    std::vector<Edge> edges = std::move(q.edges);
+    q.edges.clear();
+    for (Edge& e : edges)
+      if (PyList_Append(list.ptr(), graphnode_of(std::move(e)).ptr()) < 0) throw nb::python_error();
+  }
+  return list;
+}
+
+bool has_edges(const QTensor& q) {
+  if (!q.edges.empty()) return true;
+  if (!q.nodes.is_valid()) return false;  // See Note [lazy empty lists]
+  Py_ssize_t n = PyObject_Length(q.nodes.ptr());
+  if (n < 0) throw nb::python_error();
+  return n > 0;
+}
+
 nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name) {
-  return new_graphnode(tensor, df, name, LazyLabel());
+  return new_graphnode(tensor, nb::borrow(df), device_attribute(tensor), name, LazyLabel());
 }
 
 nb::object make_graphnode(nb::handle tensor, nb::handle df, const LazyLabel& label) {
-  return new_graphnode(tensor, df, nb::handle(), label);
+  return new_graphnode(tensor, nb::borrow(df), device_attribute(tensor), nb::handle(), label);
 }
 
 nb::object& graphnode_name(GraphNode& node) {
   if (!node.name.is_valid()) node.name = nb::str(node.label.str().c_str());
   return node.name;
-}
-
-LazyLabel& LazyLabel::shape(const Shape& s) {
-  append_value(Kind::Shape, s.begin(), s.rank());
-  return *this;
-}
-
-LazyLabel& LazyLabel::id(nb::handle o) {
-  int64_t value = int64_t(uintptr_t(o.ptr()));
-  append_value(Kind::Id, &value, 1);
-  return *this;
-}
-
-LazyLabel& LazyLabel::then(const char* text) {
-  if (formatted_) formatted_ = std::make_shared<const std::string>(*formatted_ + text);
-  else text_[nvalues_] = text;
-  return *this;
-}
-
-namespace {
-std::string value_text(bool is_id, const int64_t* values, int count) {
-  if (is_id) return std::to_string(uint64_t(values[0]));
-  std::string s = "[";
-  for (int i = 0; i < count; ++i) s += (i ? ", " : "") + std::to_string(values[i]);
-  return s + "]";
-}
-}  // namespace
-
-void LazyLabel::append_value(Kind kind, const int64_t* values, int count) {
-  if (!formatted_ && (nvalues_ == 2 || used_ + count > kPool))
-    formatted_ = std::make_shared<const std::string>(str());
-  if (formatted_) {
-    formatted_ = std::make_shared<const std::string>(*formatted_ + value_text(kind == Kind::Id, values, count));
-    return;
-  }
-  kinds_[nvalues_] = kind;
-  counts_[nvalues_] = uint8_t(count);
-  for (int i = 0; i < count; ++i) pool_[used_ + i] = values[i];
-  used_ = uint8_t(used_ + count);
-  ++nvalues_;
-}
-
-std::string LazyLabel::str() const {
-  if (formatted_) return *formatted_;
-  std::string s = text_[0];
-  for (int v = 0, at = 0; v < nvalues_; at += counts_[v], ++v)
-    s += value_text(kinds_[v] == Kind::Id, pool_ + at, counts_[v]) + text_[v + 1];
-  return s;
 }
 
 nb::object to_tensor(nb::handle value) {
@@ -611,11 +589,6 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
   node.def_rw("df", &GraphNode::df, nb::arg().none());
   node.def_rw("device", &GraphNode::device, nb::arg().none());
 
-  nb::class_<GradFn> gradfn(m, "GradFn", nb::type_slots(gradfn_slots),
-                            "Derivative function of a built-in operator: takes and returns a _core.Tensor.");
-  g_types.gradfn = (PyTypeObject*)gradfn.ptr();
-  gradfn.def("__call__", [](GradFn& f, nb::handle g) { return wrap_core(f.apply(as_core(g, "backward"))); },
-             nb::arg("grad").none());
 
   cls.def("__init__",
           [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
@@ -633,12 +606,16 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
           nb::arg("dtype").none() = nb::none(), nb::arg("name").none() = "");
 
   cls.def_prop_rw(
-      "data", [](QTensor& q) { return data_of(q); }, [](QTensor& q, nb::handle value) { set_data(q, value); },
+      "data", [](QTensor& q) { return data_object(q); }, [](QTensor& q, nb::handle value) { set_data(q, value); },
       nb::arg().none());
   cls.def_rw("requires_grad", &QTensor::requires_grad, nb::arg().none());
   cls.def_prop_rw(
-      "nodes", [](QTensor& q) { return materialized(q.nodes); },
-      [](QTensor& q, nb::handle value) { q.nodes = nb::borrow(value); }, nb::arg().none());
+      "nodes", [](QTensor& q) { return nodes_of(q); },
+      [](QTensor& q, nb::handle value) {
+        q.edges.clear();
+        q.nodes = nb::borrow(value);
+      },
+      nb::arg().none());
   cls.def_prop_rw(
       "link_nodes", [](QTensor& q) { return link_nodes_of(q); },
       [](QTensor& q, nb::handle value) {

@@ -16,41 +16,15 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/ops.h"
+#include "tensor/autograd/derivative.h"
+#include "tensor/label.h"
 
 namespace tramel::tensor {
 
 namespace nb = nanobind;
-
-// A label made of literal texts around up to two values, each a tensor shape
-// (printed as Python prints a shape list, "[2, 3]") or an object identity (its
-// decimal id), formatted only when read. Built-in operators name their edges
-// with it, so a label that nobody reads costs no string formatting:
-//   LazyLabel("t1 grad ").shape(a).then(" add ").shape(b)
-class LazyLabel {
- public:
-  LazyLabel() = default;
-  explicit LazyLabel(const char* text) { text_[0] = text; }
-  LazyLabel& shape(const Shape& s);
-  LazyLabel& id(nb::handle o);
-  // The text after the last value.
-  LazyLabel& then(const char* text);
-  std::string str() const;
-
- private:
-  enum class Kind : uint8_t { Shape, Id };
-  static constexpr int kPool = 10;  // dims and ids held inline
-  void append_value(Kind kind, const int64_t* values, int count);
-
-  const char* text_[3] = {"", "", ""};
-  Kind kinds_[2];
-  uint8_t counts_[2];
-  uint8_t nvalues_ = 0, used_ = 0;
-  int64_t pool_[kPool];  // only the first used_ entries are meaningful
-  // Set when the pool was too small: then the whole label, formatted at once.
-  std::shared_ptr<const std::string> formatted_;
-};
 
 // Note [lazy link nodes]
 // Operators of the always-linked export form give every result link nodes to
@@ -83,6 +57,7 @@ struct QTensor {
   nb::object name;
   nb::object if_normal_run_qvm;
   PendingLinks pending_links;  // see Note [lazy link nodes]
+  std::vector<Edge> edges;     // see Note [edge records]
 };
 
 struct GraphNode {
@@ -93,31 +68,17 @@ struct GraphNode {
   LazyLabel label;
 };
 
-// A built-in operator's derivative function. The backward walk calls apply()
-// directly; Python sees a callable taking and returning a _core.Tensor.
-class GradFn {
- public:
-  virtual ~GradFn() = default;
-  // The gradient for the edge's input from the incoming gradient.
-  virtual Tensor apply(const Tensor& grad) = 0;
-  // The Python objects held, for the cycle collector.
-  virtual int traverse(visitproc visit, void* arg) = 0;
-  virtual void clear() = 0;
-};
-
 // Types, set when the module is initialised.
 struct ModuleTypes {
   PyTypeObject* qtensor = nullptr;
   PyTypeObject* graphnode = nullptr;
   PyTypeObject* core_tensor = nullptr;
-  PyTypeObject* gradfn = nullptr;
   PyTypeObject* ndarray = nullptr;  // numpy.ndarray
 };
 inline ModuleTypes g_types;
 inline PyTypeObject* qtensor_type() { return g_types.qtensor; }
 inline PyTypeObject* graphnode_type() { return g_types.graphnode; }
 inline PyTypeObject* core_tensor_type() { return g_types.core_tensor; }
-inline PyTypeObject* gradfn_type() { return g_types.gradfn; }
 inline PyTypeObject* ndarray_type() { return g_types.ndarray; }
 
 // The operators behind QTensor's number and comparison slots, filled in by
@@ -145,8 +106,10 @@ Tensor& as_core(nb::handle h, const char* op);
 inline Tensor& core_of(const QTensor& q, const char* op) {
   return q.data.is_valid() ? as_core(q.data, op) : q.value;
 }
-// The `data` object, made on first read.
-nb::object& data_of(QTensor& q);
+// The engine tensor of the QTensor object h.
+inline Tensor& core_of(nb::handle h, const char* op) { return core_of(as_qtensor(h, op), op); }
+// The `data` field as Python sees it: the _core.Tensor object, made on first read.
+nb::object& data_object(QTensor& q);
 void set_data(QTensor& q, nb::handle data);
 // A new _core.Tensor object owning t.
 nb::object wrap_core(Tensor t);
@@ -177,6 +140,8 @@ nb::object qtensor_from_core(Tensor t);
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, const LazyLabel& label);
+// A GraphNode object for an edge record, moving its derivative into a GradFn.
+nb::object graphnode_of(Edge&& edge);
 // The name of an edge, formatting a lazy label on first read.
 nb::object& graphnode_name(GraphNode& node);
 
@@ -184,6 +149,10 @@ nb::object& graphnode_name(GraphNode& node);
 nb::object& materialized(nb::object& list_field);
 // q.link_nodes with any pending links made; see Note [lazy link nodes].
 nb::object& link_nodes_of(QTensor& q);
+// q.nodes with any edge records made into GraphNodes; see Note [edge records].
+nb::object& nodes_of(QTensor& q);
+// Whether q has an edge, as a record or in a non-empty `nodes`.
+bool has_edges(const QTensor& q);
 
 // module.name, imported once and held for the life of the process (a handle
 // kept in a function-local static: nothing to release at interpreter exit).

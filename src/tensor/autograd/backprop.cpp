@@ -12,16 +12,16 @@
 namespace tramel::tensor {
 
 void get_prev(nb::handle q, Nodes& out) {
-  for_each_edge(q, [&](GraphNode& edge) {
+  for_each_edge(q, [&](const EdgeView& edge) {
     QTensor& parent = as_qtensor(edge.tensor, "backward");
     if (!truthy(parent.requires_grad)) return;
-    if (parent.grad.is_none() && !edge.df.is_none()) {
+    if (parent.grad.is_none() && !edge.export_only()) {
       const Tensor& data = core_of(parent, "backward");
       if (!is_floating(data.dtype()) && !is_complex(data.dtype()))
         throw nb::value_error("Only float or double tensor can do gradient calculation.");
       parent.grad = zeros_qtensor(data.shape(), int(device_of(parent.device, "zeros")), data.dtype());
     }
-    out.push_back(edge.tensor);
+    out.push_back(nb::borrow(edge.tensor));
   });
 }
 
@@ -32,11 +32,12 @@ bool check_nodes_not_empty_or_none(nb::handle nodes) {
 }
 
 void free_grad(nb::handle q, Nodes& out) {
-  for_each_edge(q, [&](GraphNode& edge) {
+  for_each_edge(q, [&](const EdgeView& edge) {
     QTensor& parent = as_qtensor(edge.tensor, "backward");
     if (!truthy(parent.requires_grad)) return;
-    if (!parent.grad.is_none() && check_nodes_not_empty_or_none(parent.nodes)) parent.grad = nb::none();
-    out.push_back(edge.tensor);
+    if (!parent.grad.is_none() && (!parent.edges.empty() || check_nodes_not_empty_or_none(parent.nodes)))
+      parent.grad = nb::none();
+    out.push_back(nb::borrow(edge.tensor));
   });
 }
 
@@ -107,8 +108,8 @@ bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
   for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
     outgrads.pop(node);
     bool valid = true;
-    for_each_edge(node, [&](GraphNode& edge) {
-      if (!valid || edge.df.is_none()) return;
+    for_each_edge(node, [&](const EdgeView& edge) {
+      if (!valid || edge.export_only()) return;
       QTensor& parent = as_qtensor(edge.tensor, "backward");
       if (equals_false(parent.if_normal_run_qvm)) {
         valid = false;
@@ -137,8 +138,8 @@ void backprop_impl(nb::handle g, nb::handle end) {
   TopoSort<CppParents> order(nb::borrow(end), &get_prev);
   for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
     nb::object outgrad = outgrads.pop(node);
-    for_each_edge(node, [&](GraphNode& edge) {
-      if (edge.df.is_none()) return;
+    for_each_edge(node, [&](const EdgeView& edge) {
+      if (edge.export_only()) return;
       QTensor& parent = as_qtensor(edge.tensor, "backward");
       QTensor& incoming = as_qtensor(outgrad, "backward");
       const Tensor& grad = core_of(incoming, "backward");
@@ -150,12 +151,12 @@ void backprop_impl(nb::handle g, nb::handle end) {
       Tensor moved = crosses ? to_device(grad, int(edge_device), "backward") : Tensor();
       const Tensor& given = crosses ? moved : grad;
       // Built-in derivatives run in C++; any other callable gets a _core.Tensor.
-      if (PyObject_TypeCheck(edge.df.ptr(), gradfn_type())) {
-        Tensor ingrad = nb::inst_ptr<GradFn>(edge.df)->apply(given);
+      if (edge.derivative) {
+        Tensor ingrad = edge.derivative->apply(given);
         if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
         add_(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad);
       } else {
-        nb::object argument = crosses ? wrap_core(std::move(moved)) : nb::object(data_of(incoming));
+        nb::object argument = crosses ? wrap_core(std::move(moved)) : nb::object(data_object(incoming));
         PyObject* result = PyObject_CallOneArg(edge.df.ptr(), argument.ptr());
         if (!result) throw nb::python_error();
         nb::object ingrad = nb::steal(result);
@@ -172,8 +173,8 @@ void free_backprop_grad(nb::handle g, nb::handle end) {
   TopoSort<CppParents> order(nb::borrow(end), &free_grad);
   for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
     outgrads.pop(node);
-    for_each_edge(node, [&](GraphNode& edge) {
-      if (!edge.df.is_none()) outgrads.set(edge.tensor, as_qtensor(edge.tensor, "backward").grad);
+    for_each_edge(node, [&](const EdgeView& edge) {
+      if (!edge.export_only()) outgrads.set(edge.tensor, as_qtensor(edge.tensor, "backward").grad);
     });
   }
 }

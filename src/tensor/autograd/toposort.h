@@ -12,19 +12,44 @@ namespace tramel::tensor {
 
 using Nodes = std::vector<nb::object>;
 
-// Calls fn(GraphNode&) for each edge in q.nodes, in order.
+// One edge as the walks see it, an edge record or a GraphNode alike.
+struct EdgeView {
+  nb::handle tensor;
+  nb::handle device;
+  nb::handle df;                  // a GraphNode's df; null for a record
+  const Derivative* derivative;   // a built-in derivative (a record's, or inside df)
+  // Export-only edges (df None) take no part in differentiation.
+  bool export_only() const { return !derivative && df.is_none(); }
+};
+
+// Calls fn(const EdgeView&) for each edge of q, in order: its edge records,
+// or its `nodes` list once Python has read it (Note [edge records]).
 template <typename F>
 void for_each_edge(nb::handle q, F&& fn) {
-  nb::handle nodes = as_qtensor(q, "backward").nodes;
-  if (!nodes.is_valid()) return;  // See Note [lazy empty lists]
-  if (PyList_Check(nodes.ptr())) {
-    // Index each time: a derivative function may change the list.
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(nodes.ptr()); ++i) {
-      nb::object edge = nb::borrow(PyList_GET_ITEM(nodes.ptr(), i));
-      fn(as_graphnode(edge, "backward"));
+  QTensor& t = as_qtensor(q, "backward");
+  // Index each time: a Python derivative function may change the list, or
+  // read `nodes` and so turn the records into it (same order, same index).
+  for (size_t i = 0;; ++i) {
+    if (!t.edges.empty()) {
+      if (i >= t.edges.size()) return;
+      const Edge& e = t.edges[i];
+      fn(EdgeView{e.tensor, e.device, nb::handle(), &e.derivative});
+      continue;
     }
-  } else {
-    for (nb::handle edge : nodes) fn(as_graphnode(edge, "backward"));
+    nb::handle nodes = t.nodes;
+    if (!nodes.is_valid()) return;  // See Note [lazy empty lists]
+    if (!PyList_Check(nodes.ptr())) {
+      if (i == 0)
+        for (nb::handle edge : nodes) {
+          GraphNode& n = as_graphnode(edge, "backward");
+          fn(EdgeView{n.tensor, n.device, n.df, derivative_in(n.df)});
+        }
+      return;
+    }
+    if (Py_ssize_t(i) >= PyList_GET_SIZE(nodes.ptr())) return;
+    nb::object edge = nb::borrow(PyList_GET_ITEM(nodes.ptr(), Py_ssize_t(i)));
+    GraphNode& n = as_graphnode(edge, "backward");
+    fn(EdgeView{n.tensor, n.device, n.df, derivative_in(n.df)});
   }
 }
 

@@ -7,13 +7,6 @@ namespace tramel::tensor {
 
 namespace {
 
-bool has_edges(const QTensor& q) {
-  if (!q.nodes.is_valid()) return false;  // See Note [lazy empty lists]
-  Py_ssize_t n = PyObject_Length(q.nodes.ptr());
-  if (n < 0) throw nb::python_error();
-  return n > 0;
-}
-
 // A new leaf on `device` with self's values; requires_grad travels only with
 // an existing grad, which is copied along. GPU passes the dtype on and warns
 // that the graph stays behind; CPU does neither.

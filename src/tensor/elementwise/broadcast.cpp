@@ -9,15 +9,11 @@ namespace {
 
 int64_t size_of(const QTensor& q) { return core_of(q, "broadcast").numel(); }
 
-// The gradient of an expanded operand: the incoming gradient reduced to the
-// operand's own shape.
-Tensor broadcast_grad(const Tensor& g, const FnGrad& self) { return unbroadcast(self.grad_data(0), g); }
-
 // One operand's half of broadcast(t1, t2): its expanded tensor, edge and record.
 nb::object expanded(nb::handle t, Tensor data, const Shape& s1, const Shape& s2, bool first) {
-  nb::object e = make_result(std::move(data), {t}, [&](int) {
-    return edge(t, FnGrad(&broadcast_grad, nullptr, 0, {t}),
-                LazyLabel(first ? "t1 grad " : "t2 grad ").shape(s1).then(" broadcast ").shape(s2));
+  static const Derivatives& derivatives = derivatives_of("broadcast");
+  nb::object e = make_result(std::move(data), {t}, derivatives, [&](int, Edge& edge) {
+    edge.label = LazyLabel(first ? "t1 grad " : "t2 grad ").shape(s1).then(" broadcast ").shape(s2);
   });
   // The link shows the operand's shape, then the second operand's.
   const Shape& own = first ? s1 : s2;
@@ -65,8 +61,8 @@ Tensor unbroadcast(const Tensor& own_grad, const Tensor& g) {
 }
 
 std::pair<nb::object, nb::object> broadcast_pair(nb::handle t1, nb::handle t2) {
-  const Tensor& a = core_of(as_qtensor(t1, "broadcast"), "broadcast");
-  const Tensor& b = core_of(as_qtensor(t2, "broadcast"), "broadcast");
+  const Tensor& a = core_of(t1, "broadcast");
+  const Tensor& b = core_of(t2, "broadcast");
   Shape s1 = a.shape(), s2 = b.shape();
   Shape common = broadcast_shape(s1, s2, "broadcast");
   // An operand that already has the common shape shares its storage with

@@ -8,65 +8,72 @@ namespace tramel::tensor {
 
 namespace {
 
+// Comparisons and logic: a core call and a trace, no gradient.
 struct CompareRow {
   const char* name;
-  CompareOp forward;
-  const char* opname;
-  const char* opid_infix;  // opid: {t1}<infix>{t2}_{y}
-  const char* link1;
-  const char* link2;
+  struct {
+    CompareOp forward;
+  } math;
+  struct {
+    const char* opname;
+    const char* opid_infix;  // opid: {t1}<infix>{t2}_{y}
+    const char* link1;
+    const char* link2;
+  } trace;
 };
 
 const CompareRow kCompare[] = {
-    {"equal", CompareOp::Equal, "Equal", "_equal_", " op1 equal ", " op2 equal "},
-    {"not_equal", CompareOp::NotEqual, "NotEqual", "_not_equal_", " op1 equal ", " op2 equal "},
-    {"greater", CompareOp::Greater, "Greater", "_greater_", " op1 greater ", " op2 greater "},
-    {"greater_equal", CompareOp::GreaterEqual, "GreaterOrEqual", "_greater_equal_", " op1 greater_equal ",
-     " op2 greater_equal "},
-    {"less", CompareOp::Less, "Less", "_less_", " op1 less ", " op2 less "},
-    {"less_equal", CompareOp::LessEqual, "LessOrEqual", "_less_equal_", " op1 less_equal ", " op2 less_equal "},
-    {"logical_and", CompareOp::And, "And", "_and_", " op1 and ", " op2 and "},
-    {"logical_or", CompareOp::Or, "Or", "_or_", " op1 or ", " op2 or "},
-    {"logical_xor", CompareOp::Xor, "Xor", "_xor_", " op1 logical_xor ", " op2 logical_xor "},
+    {"equal", {CompareOp::Equal}, {"Equal", "_equal_", " op1 equal ", " op2 equal "}},
+    {"not_equal", {CompareOp::NotEqual}, {"NotEqual", "_not_equal_", " op1 equal ", " op2 equal "}},
+    {"greater", {CompareOp::Greater}, {"Greater", "_greater_", " op1 greater ", " op2 greater "}},
+    {"greater_equal", {CompareOp::GreaterEqual},
+     {"GreaterOrEqual", "_greater_equal_", " op1 greater_equal ", " op2 greater_equal "}},
+    {"less", {CompareOp::Less}, {"Less", "_less_", " op1 less ", " op2 less "}},
+    {"less_equal", {CompareOp::LessEqual}, {"LessOrEqual", "_less_equal_", " op1 less_equal ", " op2 less_equal "}},
+    {"logical_and", {CompareOp::And}, {"And", "_and_", " op1 and ", " op2 and "}},
+    {"logical_or", {CompareOp::Or}, {"Or", "_or_", " op1 or ", " op2 or "}},
+    {"logical_xor", {CompareOp::Xor}, {"Xor", "_xor_", " op1 logical_xor ", " op2 logical_xor "}},
 };
 
+// Float classes: a core call and a trace; their gradient (zeros) is in the
+// derivatives table.
 struct ClassifyRow {
   const char* name;
-  ClassifyOp forward;
-  const char* label;  // the edge: label + shape
-  const char* opname;
-  const char* opid_infix;  // opid: {t1}<infix>{y}
-  const char* link;
+  struct {
+    ClassifyOp forward;
+  } math;
+  struct {
+    const char* label;  // the edge: label + shape
+    const char* opname;
+    const char* opid_infix;  // opid: {t1}<infix>{y}
+    const char* link;
+  } trace;
 };
 
 const ClassifyRow kClassify[] = {
-    {"isfinite", ClassifyOp::IsFinite, "t isfinite grad ", "IsFinite", "_isfinite", " isfinite "},
-    {"isinf", ClassifyOp::IsInf, "t isinf grad ", "IsInf", "_isinf", " isinf "},
-    {"isnan", ClassifyOp::IsNan, "t isnan grad ", "IsNaN", "_isnan", " isnan "},
-    {"isneginf", ClassifyOp::IsNegInf, "t isneginf grad ", "IsNegInf", "_isneginf", " isneginf "},
-    {"isposinf", ClassifyOp::IsPosInf, "t isposinf grad ", "IsPosInf", "_isposinf", " isposinf "},
+    {"isfinite", {ClassifyOp::IsFinite}, {"t isfinite grad ", "IsFinite", "_isfinite", " isfinite "}},
+    {"isinf", {ClassifyOp::IsInf}, {"t isinf grad ", "IsInf", "_isinf", " isinf "}},
+    {"isnan", {ClassifyOp::IsNan}, {"t isnan grad ", "IsNaN", "_isnan", " isnan "}},
+    {"isneginf", {ClassifyOp::IsNegInf}, {"t isneginf grad ", "IsNegInf", "_isneginf", " isneginf "}},
+    {"isposinf", {ClassifyOp::IsPosInf}, {"t isposinf grad ", "IsPosInf", "_isposinf", " isposinf "}},
 };
 
-// The rich comparisons and the function each one calls.
-struct RichRow {
-  const char* method;
-  const CompareRow* row;
-};
-
-nb::object compare_op(const CompareRow& row, nb::handle x1, nb::handle x2) {
+nb::object compare_op(Bound<CompareRow> op, nb::handle x1, nb::handle x2) {
+  const CompareRow& row = op.row;
   auto [t1, t2] = prepare_binary(x1, x2);
-  const Tensor& a = core_of(as_qtensor(t1, row.name), row.name);
-  const Tensor& b = core_of(as_qtensor(t2, row.name), row.name);
-  nb::object y = make_leaf_result(compare(row.forward, a, b), {t1, t2});
+  const Tensor& a = core_of(t1, row.name);
+  const Tensor& b = core_of(t2, row.name);
+  nb::object y = make_leaf_result(compare(row.math.forward, a, b), {t1, t2});
   record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t1, LazyLabel(row.link1)}, {t2, LazyLabel(row.link2)}});
-    return make_record(ids(t1, row.opid_infix, t2) + "_" + id_text(y), row.opname, {t1, t2}, y, nb::dict());
+    replace_links(out, {{t1, LazyLabel(row.trace.link1)}, {t2, LazyLabel(row.trace.link2)}});
+    return make_record(ids(t1, row.trace.opid_infix, t2) + "_" + id_text(y), row.trace.opname, {t1, t2}, y,
+                       nb::dict());
   });
   return y;
 }
 
 nb::object logical_not_op(nb::handle t) {
-  nb::object y = make_leaf_result(logical_not(core_of(as_qtensor(t, "logical_not"), "logical_not")), {t});
+  nb::object y = make_leaf_result(logical_not(core_of(t, "logical_not")), {t});
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" not ")}});
     return make_record(id_text(t) + "_not_" + id_text(y), "Not", {t}, y, nb::dict());
@@ -74,32 +81,36 @@ nb::object logical_not_op(nb::handle t) {
   return y;
 }
 
-Tensor zeros_of_input(const Tensor&, const FnGrad& f) { return zeros_shaped_like(f.data(0)); }
-
-nb::object classify_op(const ClassifyRow& row, nb::handle t) {
-  const Tensor& x = core_of(as_qtensor(t, row.name), row.name);
+nb::object classify_op(Bound<ClassifyRow> op, nb::handle t) {
+  const ClassifyRow& row = op.row;
+  const Tensor& x = core_of(t, row.name);
   Shape shape = x.shape();
-  nb::object y = make_result(classify(row.forward, x), {t}, [&](int) {
-    return edge(t, FnGrad(&zeros_of_input, &row, 0, {t}), LazyLabel(row.label).shape(shape));
-  });
+  nb::object y = make_result(classify(row.math.forward, x), {t}, *op.derivatives,
+                             [&](int, Edge& e) { e.label = LazyLabel(row.trace.label).shape(shape); });
   record_gated(y, [&](QTensor& out) {
-    replace_links(out, {{t, LazyLabel(row.link)}});
-    return make_record(id_text(t) + row.opid_infix + id_text(y), row.opname, {t}, y, nb::dict());
+    replace_links(out, {{t, LazyLabel(row.trace.link)}});
+    return make_record(id_text(t) + row.trace.opid_infix + id_text(y), row.trace.opname, {t}, y, nb::dict());
   });
   return y;
 }
 
+// The rich comparisons and the function each one calls.
+struct RichRow {
+  const char* method;
+  Bound<CompareRow> op;
+};
+
 // self <op> other: a QTensor directly; a number as a one-element tensor on
 // self's device, both broadcast (recorded) even when the shapes agree.
 nb::object rich_compare(const RichRow& rich, nb::handle self, nb::handle other) {
-  if (is_qtensor(other)) return compare_op(*rich.row, self, other);
+  if (is_qtensor(other)) return compare_op(rich.op, self, other);
   if (PyLong_Check(other.ptr()) || PyFloat_Check(other.ptr())) {
     nb::list value;
     value.append(other);
     nb::object other_tensor =
         construct_qtensor(value, Py_False, Py_None, as_qtensor(self, rich.method).device, Py_None);
     auto [a, b] = broadcast_pair(self, other_tensor);
-    return compare_op(*rich.row, a, b);
+    return compare_op(rich.op, a, b);
   }
   throw std::runtime_error(std::string(rich.method) + " not implmented for type " + py_text(other));
 }
@@ -124,8 +135,12 @@ void init_compare(nb::module_& m) {
 
   // The comparison slot of QTensor: op is Py_LT, Py_LE, Py_EQ, Py_NE, Py_GT or Py_GE.
   g_operators.compare = [](nb::handle self, nb::handle other, int op) {
-    static const RichRow kRich[] = {{"__lt__", &kCompare[4]}, {"__le__", &kCompare[5]}, {"__eq__", &kCompare[0]},
-                                    {"__ne__", &kCompare[1]}, {"__gt__", &kCompare[2]}, {"__ge__", &kCompare[3]}};
+    static const RichRow kRich[] = {{"__lt__", bound_row(kCompare, "less")},
+                                    {"__le__", bound_row(kCompare, "less_equal")},
+                                    {"__eq__", bound_row(kCompare, "equal")},
+                                    {"__ne__", bound_row(kCompare, "not_equal")},
+                                    {"__gt__", bound_row(kCompare, "greater")},
+                                    {"__ge__", bound_row(kCompare, "greater_equal")}};
     return rich_compare(kRich[op], self, other);
   };
 }

@@ -8,63 +8,46 @@ namespace {
 
 struct ExtremumRow {
   const char* name;
-  BinaryOp forward;
-  const char* label1;  // edge names: label + id(t); empty: no name
-  const char* label2;
-  const char* opname;
-  const char* opid_infix;
+  struct {
+    BinaryOp forward;
+  } math;
+  struct {
+    const char* label1;  // edge names: label + id(t); empty: no name
+    const char* label2;
+    const char* opname;
+    const char* opid_infix;
+  } trace;
 };
 
 const ExtremumRow kExtrema[] = {
-    {"maximum", BinaryOp::Maximum, "maximum t1 grad of tensor ", "maximum t2 grad of tensor ", "Maximum",
-     "_maximum_"},
-    {"minimum", BinaryOp::Minimum, "", "", "Minimum", "_minimum_"},
+    {"maximum", {BinaryOp::Maximum}, {"maximum t1 grad of tensor ", "maximum t2 grad of tensor ", "Maximum", "_maximum_"}},
+    {"minimum", {BinaryOp::Minimum}, {"", "", "Minimum", "_minimum_"}},
 };
 
-// The share of each element that goes to operand x of z = extremum(x, y):
-// 1 where x alone is the result, 1/2 at a tie, 0 where it lost. Computed in
-// the gradient's dtype.
-Tensor selection_weights(const Tensor& x, const Tensor& z, const Tensor& y, DType dtype) {
-  Tensor wins = to_dtype(compare(CompareOp::Equal, x, z), dtype, false);
-  Tensor ties = binary(BinaryOp::Add, to_dtype(compare(CompareOp::Equal, x, y), dtype, false), Scalar::from_int(1));
-  return binary(BinaryOp::Div, wins, ties);
-}
-
-// Held: t1, t2, the forward result.
-Tensor extremum_grad(const Tensor& g, const FnGrad& f) {
-  int me = f.which(), other = 1 - me;
-  Tensor weights = selection_weights(f.data(me), f.data(2), f.data(other), g.dtype());
-  return unbroadcast(f.grad_data(me), binary(BinaryOp::Mul, g, weights));
-}
-
-nb::object extremum(const ExtremumRow& row, nb::handle t1, nb::handle t2) {
-  const Tensor& a = core_of(as_qtensor(t1, row.name), row.name);
-  const Tensor& b = core_of(as_qtensor(t2, row.name), row.name);
+nb::object extremum(Bound<ExtremumRow> op, nb::handle t1, nb::handle t2) {
+  const ExtremumRow& row = op.row;
+  const Tensor& a = core_of(t1, row.name);
+  const Tensor& b = core_of(t2, row.name);
   if (a.shape() != b.shape()) throw nb::value_error("t1 and t2 shape should be equal");
-  nb::object data = wrap_core(binary(row.forward, a, b));
-  nb::object y = make_result(data, {t1, t2}, [&](int i) {
-    nb::handle input = i == 0 ? t1 : t2;
-    const char* label = i == 0 ? row.label1 : row.label2;
-    return edge(input, FnGrad(&extremum_grad, &row, i, {t1, t2, data}),
-                *label ? LazyLabel(label).id(input) : LazyLabel());
+  nb::object y = make_result(binary(row.math.forward, a, b), {t1, t2}, *op.derivatives, [&](int i, Edge& e) {
+    const char* label = i == 0 ? row.trace.label1 : row.trace.label2;
+    e.label = *label ? LazyLabel(label).id(i == 0 ? t1 : t2) : LazyLabel();
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t1, LazyLabel(" pow ")}, {t2, LazyLabel(" pow ")}});
-    return make_record(ids(t1, row.opid_infix, t2) + "_" + id_text(y), row.opname, {t1, t2}, y, nb::dict());
+    return make_record(ids(t1, row.trace.opid_infix, t2) + "_" + id_text(y), row.trace.opname, {t1, t2}, y,
+                       nb::dict());
   });
   return y;
 }
 
-Tensor clip_grad(const Tensor& g, const FnGrad& f) { return clamp_grad(f.data(0), g, f.bounds[0], f.bounds[1]); }
-
 nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
-  const Tensor& x = core_of(as_qtensor(t, "clip"), "clip");
+  static const Derivatives& derivatives = derivatives_of("clip");
+  const Tensor& x = core_of(t, "clip");
   double low = py::float_arg(min_val, "clip", "min_val"), high = py::float_arg(max_val, "clip", "max_val");
-  nb::object y = make_result(clamp(x, low, high), {t}, [&](int) {
-    FnGrad grad(&clip_grad, nullptr, 0, {t});
-    grad.bounds[0] = low;
-    grad.bounds[1] = high;
-    return edge(t, std::move(grad), LazyLabel());
+  nb::object y = make_result(clamp(x, low, high), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.bounds[0] = low;
+    e.derivative.bounds[1] = high;
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" clip ")}});
@@ -77,24 +60,18 @@ nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
   return y;
 }
 
-// Held: t1 (base), t2 (exponent), the forward result.
-Tensor power_grad(const Tensor& g, const FnGrad& f) {
-  if (f.which() == 0) return unbroadcast(f.grad_data(0), power_grad_of_base(g, f.data(0), f.data(1)));
-  return unbroadcast(f.grad_data(1), power_grad_of_exp(g, f.data(0), f.data(1), f.data(2)));
-}
-
 nb::object power(nb::handle x1, nb::handle x2) {
+  static const Derivatives& derivatives = derivatives_of("power");
   auto [t1, t2] = prepare_binary(x1, x2);
-  const Tensor& a = core_of(as_qtensor(t1, "power"), "power");
-  const Tensor& b = core_of(as_qtensor(t2, "power"), "power");
-  nb::object data = wrap_core(binary(BinaryOp::Pow, a, b));
-  Shape base_shape = a.shape(), out_shape = as_core(data, "power").shape();
-  nb::object y = make_result(data, {t1, t2}, [&](int i) {
-    LazyLabel label = LazyLabel(i == 0 ? " x^a grad: input shape " : "a^x grad: input shape ")
-                          .shape(base_shape)
-                          .then(" power shape ")
-                          .shape(out_shape);
-    return edge(i == 0 ? t1 : t2, FnGrad(&power_grad, nullptr, i, {t1, t2, data}), label);
+  const Tensor& a = core_of(t1, "power");
+  const Tensor& b = core_of(t2, "power");
+  Tensor data = binary(BinaryOp::Pow, a, b);
+  Shape base_shape = a.shape(), out_shape = data.shape();
+  nb::object y = make_result(std::move(data), {t1, t2}, derivatives, [&](int i, Edge& e) {
+    e.label = LazyLabel(i == 0 ? " x^a grad: input shape " : "a^x grad: input shape ")
+                  .shape(base_shape)
+                  .then(" power shape ")
+                  .shape(out_shape);
   });
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t1, LazyLabel(" pow ")}, {t2, LazyLabel(" pow ")}});
@@ -104,6 +81,12 @@ nb::object power(nb::handle x1, nb::handle x2) {
 }
 
 }  // namespace
+
+Tensor selection_weights(const Tensor& x, const Tensor& z, const Tensor& y, DType dtype) {
+  Tensor wins = to_dtype(compare(CompareOp::Equal, x, z), dtype, false);
+  Tensor ties = binary(BinaryOp::Add, to_dtype(compare(CompareOp::Equal, x, y), dtype, false), Scalar::from_int(1));
+  return binary(BinaryOp::Div, wins, ties);
+}
 
 void init_extrema(nb::module_& m) {
   def_family<2>(m, "extrema", kExtrema, &extremum);

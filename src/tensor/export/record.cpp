@@ -27,8 +27,6 @@ nb::list shape_list(const Tensor& t) {
   return out;
 }
 
-const Tensor& data_of(nb::handle q) { return core_of(as_qtensor(q, "export"), "export"); }
-
 }  // namespace
 
 std::string id_text(nb::handle o) { return std::to_string(uintptr_t(o.ptr())); }
@@ -65,12 +63,12 @@ nb::object make_record(const std::string& opid, const char* opname, std::initial
                        nb::handle output, nb::handle attribute) {
   nb::list ids, shapes, dtypes;
   for (nb::handle in : inputs) {
-    const Tensor& t = data_of(in);
+    const Tensor& t = core_of(in, "export");
     ids.append(nb::str(id_text(in).c_str()));
     shapes.append(shape_list(t));
     dtypes.append(int(t.dtype()));
   }
-  const Tensor& y = data_of(output);
+  const Tensor& y = core_of(output, "export");
   nb::list out_ids, out_shapes, out_dtypes;
   out_ids.append(nb::str(id_text(output).c_str()));
   out_shapes.append(shape_list(y));
@@ -122,7 +120,7 @@ void record_cast(nb::handle t1, nb::handle y) {
     replace_links(out, {{t1, LazyLabel("Cast")}});
     nb::set attribute;
     attribute.add(nb::str("dtype"));
-    attribute.add(nb::int_(int(data_of(y).dtype())));
+    attribute.add(nb::int_(int(core_of(y, "export").dtype())));
     return make_record(id_text(t1) + "cast_to_" + id_text(y), "Cast", {t1}, y, attribute);
   });
 }

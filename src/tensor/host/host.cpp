@@ -26,8 +26,9 @@ nb::object clone(nb::handle self) {
   const Tensor& data = core_of(s, "clone");
   nb::object copied = wrap_core(to_device(data, data.device(), "clone"));
   nb::list nodes;
-  if (truthy(s.requires_grad) && s.nodes.is_valid()) {
-    for (nb::handle edge : s.nodes) {
+  if (truthy(s.requires_grad) && has_edges(s)) {
+    // The clone shares the derivative objects, so self's edges become GraphNodes first.
+    for (nb::handle edge : nodes_of(s)) {
       GraphNode& n = as_graphnode(edge, "clone");
       nodes.append(make_graphnode(n.tensor, n.df, graphnode_name(n)));
     }

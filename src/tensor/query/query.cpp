@@ -6,8 +6,6 @@ namespace tramel::tensor {
 
 namespace {
 
-Tensor& data_of(QTensor& q, const char* op) { return core_of(q, op); }
-
 nb::object arg_extremum(nb::handle self, nb::handle dim, nb::handle keepdims, bool max) {
   const char* op = max ? "argmax" : "argmin";
   const Tensor& data = core_of(as_qtensor(self, op), op);
@@ -61,19 +59,19 @@ nb::object repr(const QTensor& q) {
 
 void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
   // Fills, in place; requires_grad, nodes and grad stay as they are.
-  cls.def("fill_", [](QTensor& q, nb::handle v) { fill_(data_of(q, "fill_"), py::scalar_arg(v, "fill_")); },
+  cls.def("fill_", [](QTensor& q, nb::handle v) { fill_(core_of(q, "fill_"), py::scalar_arg(v, "fill_")); },
           nb::arg("v").none());
   cls.def("fill_rand_uniform_with_bound_",
-          [](QTensor& q, double lo, double hi) { fill_uniform_(data_of(q, "fill_rand_uniform_withbound_"), lo, hi); },
+          [](QTensor& q, double lo, double hi) { fill_uniform_(core_of(q, "fill_rand_uniform_withbound_"), lo, hi); },
           nb::arg("min_value"), nb::arg("max_value"));
-  cls.def("fill_rand_uniform_", [](QTensor& q, double v) { fill_uniform_(data_of(q, "fill_rand_uniform_"), 0.0, v); },
+  cls.def("fill_rand_uniform_", [](QTensor& q, double v) { fill_uniform_(core_of(q, "fill_rand_uniform_"), 0.0, v); },
           nb::arg("v") = 1);
   cls.def("fill_rand_signed_uniform_",
-          [](QTensor& q, double v) { fill_uniform_(data_of(q, "fill_rand_signed_uniform_"), -v, v); }, nb::arg("v") = 1);
+          [](QTensor& q, double v) { fill_uniform_(core_of(q, "fill_rand_signed_uniform_"), -v, v); }, nb::arg("v") = 1);
   cls.def("fill_rand_normal_",
-          [](QTensor& q, double mean, double s, bool fast) { fill_normal_(data_of(q, "fill_rand_normal_"), mean, s, fast); },
+          [](QTensor& q, double mean, double s, bool fast) { fill_normal_(core_of(q, "fill_rand_normal_"), mean, s, fast); },
           nb::arg("m") = 0, nb::arg("s") = 1, nb::arg("fast_math") = true);
-  cls.def("fill_rand_binary_", [](QTensor& q, double v) { fill_binary_(data_of(q, "fill_rand_binary_"), v); },
+  cls.def("fill_rand_binary_", [](QTensor& q, double v) { fill_binary_(core_of(q, "fill_rand_binary_"), v); },
           nb::arg("v") = 0.5);
 
   // Reductions to a value or an index; no graph.
@@ -81,9 +79,9 @@ void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
           nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
   cls.def("argmin", [](nb::handle self, nb::handle dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, false); },
           nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
-  cls.def("all", [](QTensor& q) { return all(data_of(q, "all")); });
-  cls.def("any", [](QTensor& q) { return any(data_of(q, "any")); });
-  cls.def("l2_norm", [](QTensor& q) { return to_tensor(nb::float_(l2_norm(data_of(q, "l2_norm")))); });
+  cls.def("all", [](QTensor& q) { return all(core_of(q, "all")); });
+  cls.def("any", [](QTensor& q) { return any(core_of(q, "any")); });
+  cls.def("l2_norm", [](QTensor& q) { return to_tensor(nb::float_(l2_norm(core_of(q, "l2_norm")))); });
   cls.def("__bool__", &is_nonzero);
   m.def("is_nonzero", &is_nonzero, nb::arg("t").none());
 
@@ -97,8 +95,8 @@ void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
   cls.def("numel", &numel);
   cls.def_prop_ro("pdata", [](const QTensor& q) { return host_copy(core_of(q, "pdata"), "to_numpy"); });
   cls.def_prop_ro("print_prev_node", [](QTensor& q) -> nb::object {
-    if (!q.nodes.is_valid() || PyObject_Length(q.nodes.ptr()) == 0) return nb::str("");
-    nb::object first = q.nodes[0];
+    if (!has_edges(q)) return nb::str("");
+    nb::object first = nodes_of(q)[0];
     return graphnode_name(as_graphnode(first, "print_prev_node"));
   });
   cls.def("info", [](QTensor& q) { nb::print(core_of(q, "info").describe().c_str()); });

@@ -8,7 +8,6 @@ namespace tramel::tensor {
 
 namespace {
 
-const Tensor& data_of(nb::handle q) { return core_of(as_qtensor(q, "var"), "var"); }
 nb::object minus(nb::handle a, nb::handle b) { return g_operators.sub(a, b); }
 nb::object number(double v) { return to_tensor(nb::float_(v)); }
 
@@ -22,10 +21,10 @@ std::pair<Tensor, int64_t> var_match_shape(const Tensor& x, const Shape& shape, 
 
 Tensor std_grad_withoutaxis(const Tensor& g, nb::handle t, const Tensor& data, bool unbiased) {
   nb::object result = minus(t, mean_of(t, Py_None, Py_False));
-  Tensor& r = core_of(as_qtensor(result, "std"), "std");
-  const Shape& shape = data_of(t).shape();
+  Tensor& r = core_of(result, "std");
+  const Shape& shape = core_of(t, "var").shape();
   binary_(BinaryOp::Div, r, broadcast_to(data, shape));
-  int64_t n = data_of(t).numel();
+  int64_t n = core_of(t, "var").numel();
   binary_(BinaryOp::Div, r, Scalar::from_int(unbiased ? n - 1 : n));
   binary_(BinaryOp::Mul, r, broadcast_to(g, shape));
   return r;
@@ -36,7 +35,7 @@ Tensor std_grad_withaxis(const Tensor& x, nb::handle t, const Tensor& data, cons
   auto [g, n] = var_match_shape(x, shape, axis);
   Tensor spread_std = var_match_shape(data, shape, axis).first;
   nb::object result = minus(t, mean_of(t, nb::int_(axis), Py_True));
-  Tensor& r = core_of(as_qtensor(result, "std"), "std");
+  Tensor& r = core_of(result, "std");
   binary_(BinaryOp::Div, r, spread_std);
   binary_(BinaryOp::Mul, r, g);
   binary_(BinaryOp::Div, r, Scalar::from_int(unbiased ? n - 1 : n));
@@ -45,9 +44,9 @@ Tensor std_grad_withaxis(const Tensor& x, nb::handle t, const Tensor& data, cons
 
 Tensor var_grad_withoutaxis(const Tensor& g, nb::handle t, bool unbiased) {
   nb::object twice = g_operators.mul(number(2), minus(t, mean_of(t, Py_None, Py_False)));
-  int64_t n = data_of(t).numel();
+  int64_t n = core_of(t, "var").numel();
   nb::object result = g_operators.div(twice, number(double(unbiased ? n - 1 : n)));
-  Tensor& r = core_of(as_qtensor(result, "var"), "var");
+  Tensor& r = core_of(result, "var");
   binary_(BinaryOp::Mul, r, broadcast_to(g, r.shape()));
   return r;
 }
@@ -55,52 +54,43 @@ Tensor var_grad_withoutaxis(const Tensor& g, nb::handle t, bool unbiased) {
 Tensor var_grad_withaxis(const Tensor& x, nb::handle t, const Shape& shape, int64_t axis, bool unbiased) {
   auto [g, n] = var_match_shape(x, shape, axis);
   nb::object twice = g_operators.mul(number(2), minus(t, mean_of(t, nb::int_(axis), Py_True)));
-  Tensor r = binary(BinaryOp::Mul, g, data_of(twice));
+  Tensor r = binary(BinaryOp::Mul, g, core_of(twice, "var"));
   binary_(BinaryOp::Div, r, Scalar::from_int(unbiased ? n - 1 : n));
   return r;
 }
 
 struct SpreadRow {
   const char* name;
-  Tensor (*all)(const Tensor&, bool);
-  Tensor (*along)(const Tensor&, const std::vector<int64_t>&, bool, bool);
-  FnGrad::Fn grad;  // held: t, the forward result; axes empty for all elements
-  const char* opname;
-  const char* opid_infix;
+  struct {
+    Tensor (*all)(const Tensor&, bool);
+    Tensor (*along)(const Tensor&, const std::vector<int64_t>&, bool, bool);
+  } math;
+  struct {
+    const char* opname;
+    const char* opid_infix;
+  } trace;
 };
 
 const SpreadRow kSpread[] = {
-    {"std", &tramel::std, &tramel::std,
-     [](const Tensor& g, const FnGrad& f) {
-       return f.axes.empty() ? std_grad_withoutaxis(g, f.held(0), f.data(1), f.flag)
-                             : std_grad_withaxis(g, f.held(0), f.data(1), f.data(0).shape(), f.axes[0], f.flag);
-     },
-     "Std", "_std_"},
-    {"var", &tramel::var, &tramel::var,
-     [](const Tensor& g, const FnGrad& f) {
-       return f.axes.empty() ? var_grad_withoutaxis(g, f.held(0), f.flag)
-                             : var_grad_withaxis(g, f.held(0), f.data(0).shape(), f.axes[0], f.flag);
-     },
-     "Var", "_var_"},
+    {"std", {&tramel::std, &tramel::std}, {"Std", "_std_"}},
+    {"var", {&tramel::var, &tramel::var}, {"Var", "_var_"}},
 };
 
-nb::object spread(const SpreadRow& row, nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
-  QTensor& q = as_qtensor(t, row.name);
-  const Tensor& x = core_of(q, row.name);
+nb::object spread(const SpreadRow& row, const Derivatives& derivatives, nb::handle t, nb::handle axis,
+                  nb::handle keepdims, nb::handle unbiased) {
+  const Tensor& x = core_of(t, row.name);
   // The core gets unbiased as Python truth; the gradients divide by n - 1
   // only for the object True.
   bool core_unbiased = truthy(unbiased);
-  std::vector<int64_t> axes;
+  Dims axes;
   if (!axis.is_none()) axes = {py::int_arg(axis, row.name, "axis")};
-  nb::object data =
-      wrap_core(axis.is_none() ? row.all(x, core_unbiased) : row.along(x, axes, truthy(keepdims), core_unbiased));
-  nb::object y = make_result(data, {t}, [&](int) {
-    FnGrad grad(row.grad, &row, 0, {t, data});
-    grad.axes = axes;
-    grad.flag = is_true(unbiased);
-    return edge(t, std::move(grad), LazyLabel());
+  Tensor data = axis.is_none() ? row.math.all(x, core_unbiased)
+                               : row.math.along(x, axes.vector(), truthy(keepdims), core_unbiased);
+  nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = axes;
+    e.derivative.unbiased = is_true(unbiased);
   });
-  record_one_input(y, t, " var ", row.opname, row.opid_infix,
+  record_one_input(y, t, " var ", row.trace.opname, row.trace.opid_infix,
                    {{"axes", axis}, {"keepdims", keepdims}, {"unbiased", unbiased}});
   return y;
 }
@@ -109,24 +99,34 @@ nb::object median_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "median");
   const Tensor& x = core_of(q, "median");
   if (axis.is_none())
-    return new_qtensor(wrap_core(median(x)), is_true(q.requires_grad) ? Py_True : Py_False, Py_None, q.device);
-  Tensor data = median(x, {py::int_arg(axis, "median", "axis")}, truthy(keepdims));
-  int device = data.device();
-  return new_qtensor(wrap_core(std::move(data)), q.requires_grad, Py_None, device_object(device));
+    return make_leaf_result(median(x), {t}, {is_true(q.requires_grad) ? Py_True : Py_False, q.device});
+  return make_leaf_result(median(x, {py::int_arg(axis, "median", "axis")}, truthy(keepdims)), {t},
+                          {q.requires_grad, nb::handle()});
 }
 
 bool unbiased_arg(nb::handle unbiased) { return is_true(unbiased); }
 
 }  // namespace
 
+Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const Dims& axes, bool unbiased) {
+  if (axes.empty()) return std_grad_withoutaxis(g, t, result, unbiased);
+  return std_grad_withaxis(g, t, result, core_of(t, "std").shape(), axes[0], unbiased);
+}
+
+Tensor var_grad(const Tensor& g, nb::handle t, const Dims& axes, bool unbiased) {
+  if (axes.empty()) return var_grad_withoutaxis(g, t, unbiased);
+  return var_grad_withaxis(g, t, core_of(t, "var").shape(), axes[0], unbiased);
+}
+
 void init_spread(nb::module_& m) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   nb::list names;
   for (const SpreadRow& row : kSpread) {
     const SpreadRow* r = &row;
+    const Derivatives* d = &derivatives_of(row.name);
     m.def(row.name,
-          [r](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
-            return spread(*r, t, axis, keepdims, unbiased);
+          [r, d](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
+            return spread(*r, *d, t, axis, keepdims, unbiased);
           },
           arg("t"), arg("axis") = nb::none(), arg("keepdims") = false, arg("unbiased") = true);
     names.append(row.name);

@@ -29,31 +29,9 @@ std::vector<int64_t> int_list(nb::handle axes, const char* op) {
   return out;
 }
 
-// The reduced gradient x, with ones at the reduced axes of `shape`, expanded
-// over `shape`.
-Tensor spread(const Tensor& x, const Shape& shape, const std::vector<int64_t>& axes) {
-  Shape kept = shape;
-  for (int64_t axis : axes) kept[int(maybe_wrap_dim(axis, shape.rank()))] = 1;
-  return broadcast_to(reshape(x, kept), shape);
-}
-
-// Held: t.
-Tensor sum_all_grad(const Tensor& g, const FnGrad& f) {
-  if (g.numel() != 1) throw nb::value_error("can only convert an array of size 1 to a Python scalar");
-  Tensor value = g.device() == kCpuDevice ? g : to_device(g, kCpuDevice, "sums");
-  Scalar s = dispatch<kAllTypes>(g.dtype(), "sums", [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    T v = value.data<T>()[0];
-    if constexpr (is_complex_v<T>) return Scalar::from_complex(double(v.real()), double(v.imag()));
-    else if constexpr (std::is_floating_point_v<T>) return Scalar::from_double(double(v));
-    else return Scalar::from_int(int64_t(v));
-  });
-  return full(f.data(0).shape(), s, g.device(), g.dtype(), "sums");
-}
-
-Tensor sum_axes_grad(const Tensor& x, const FnGrad& f) { return spread(x, f.data(0).shape(), f.axes); }
-
 nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
+  static const Derivatives& over_all = derivatives_of("sums");
+  static const Derivatives& along_axes = derivatives_of("sums along axes");
   QTensor& q = as_qtensor(t, "sums");
   const Tensor& x = core_of(q, "sums");
   Shape shape = x.shape();
@@ -67,14 +45,10 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
   std::vector<int64_t> axes;
   if (!axis.is_none()) axes = int_list(axes_given, "sums");
   Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
-  nb::object nodes = nb::none();
-  if (truthy(q.requires_grad)) {
-    FnGrad grad(axis.is_none() ? &sum_all_grad : &sum_axes_grad, nullptr, 0, {t});
-    grad.axes = axes;
-    nodes = nb::list();
-    nodes.attr("append")(edge(t, std::move(grad), LazyLabel("sums grad ").shape(shape)));
-  }
-  nb::object y = new_qtensor(wrap_core(std::move(data)), q.requires_grad, nodes, q.device);
+  nb::object y = make_result(std::move(data), {t}, axis.is_none() ? over_all : along_axes, [&](int, Edge& e) {
+    e.derivative.axes = Dims(axes);
+    e.label = LazyLabel("sums grad ").shape(shape);
+  }, {q.requires_grad, q.device});
   record_one_input(y, t, " sums ", "Sum", "_sums_", {{"axes", axes_given}, {"keepdims", keepdims}});
   return y;
 }
@@ -82,45 +56,49 @@ nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
 // _mean_match_shape: x spread over `shape` along `axis`, and the length of that axis.
 std::pair<Tensor, int64_t> mean_match_shape(const Tensor& x, const Shape& shape, int64_t axis) {
   int64_t wrapped = maybe_wrap_dim(axis, shape.rank());
-  return {spread(x, shape, {axis}), shape[int(wrapped)]};
-}
-
-Tensor mean_all_backward(const Tensor& g, const FnGrad& f) { return mean_all_grad(g, f.data(0).shape()); }
-
-Tensor mean_axis_backward(const Tensor& x, const FnGrad& f) {
-  auto [grad, n] = mean_match_shape(x, f.data(0).shape(), f.axes[0]);
-  binary_(BinaryOp::Div, grad, Scalar::from_int(n));
-  return grad;
+  return {expand_reduced(x, shape, {axis}), shape[int(wrapped)]};
 }
 
 }  // namespace
 
+Tensor expand_reduced(const Tensor& x, const Shape& shape, const Dims& axes) {
+  Shape kept = shape;
+  for (int64_t axis : axes) kept[int(maybe_wrap_dim(axis, shape.rank()))] = 1;
+  return broadcast_to(reshape(x, kept), shape);
+}
+
+Tensor sum_all_grad(const Tensor& g, const Shape& shape) {
+  if (g.numel() != 1) throw nb::value_error("can only convert an array of size 1 to a Python scalar");
+  Tensor value = g.device() == kCpuDevice ? g : to_device(g, kCpuDevice, "sums");
+  Scalar s = dispatch<kAllTypes>(g.dtype(), "sums", [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    T v = value.data<T>()[0];
+    if constexpr (is_complex_v<T>) return Scalar::from_complex(double(v.real()), double(v.imag()));
+    else if constexpr (std::is_floating_point_v<T>) return Scalar::from_double(double(v));
+    else return Scalar::from_int(int64_t(v));
+  });
+  return full(shape, s, g.device(), g.dtype(), "sums");
+}
+
 nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
+  static const Derivatives& derivatives = derivatives_of("mean");
   QTensor& q = as_qtensor(t, "mean");
   const Tensor& x = core_of(q, "mean");
+  auto name = [](int, Edge& e) { e.label = LazyLabel("mean grad"); };
   nb::object y;
   if (axis.is_none()) {
     // Only the object True asks for a gradient on this path.
     nb::handle requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
-    nb::list nodes;
-    if (is_true(requires_grad))
-      nodes.append(edge(t, FnGrad(&mean_all_backward, nullptr, 0, {t}), LazyLabel("mean grad")));
-    y = new_qtensor(wrap_core(mean(x)), requires_grad, nodes, q.device);
+    y = make_result(mean(x), {t}, derivatives, name, {requires_grad, q.device});
   } else {
     int64_t a = py::int_arg(axis, "mean", "axis");
-    y = make_result(mean(x, {a}, truthy(keepdims)), {t}, [&](int) {
-      FnGrad grad(&mean_axis_backward, nullptr, 0, {t});
-      grad.axes = {a};
-      return edge(t, std::move(grad), LazyLabel("mean grad"));
+    y = make_result(mean(x, {a}, truthy(keepdims)), {t}, derivatives, [&](int i, Edge& e) {
+      e.derivative.axes = {a};
+      name(i, e);
     });
   }
   record_one_input(y, t, " var ", "Mean", "_mean_", {{"axes", axis}, {"keepdims", keepdims}});
   return y;
-}
-
-std::vector<int64_t> axis_list(nb::handle axis, const char* op) {
-  if (PyLong_Check(axis.ptr())) return {PyBool_Check(axis.ptr()) ? int64_t(axis.ptr() == Py_True) : py::int_arg(axis, op, "axis")};
-  return int_list(axis, op);
 }
 
 int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar) { return wrap_dim(dim, ndim, wrap_scalar, false); }

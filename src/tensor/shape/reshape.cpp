@@ -29,27 +29,19 @@ void require_list(nb::handle value, const char* name) {
                            .c_str());
 }
 
-// Held: t. The gradient takes t's shape when it runs.
-Tensor back_to_input_shape(const Tensor& g, const FnGrad& f) { return reshape(g, f.data(0).shape()); }
-
 nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
+  static const Derivatives& derivatives = derivatives_of("reshape");
   QTensor& q = as_qtensor(t, "reshape");
   const Tensor& x = core_of(q, "reshape");
-  nb::object data = wrap_core(reshape(x, ints(shape, "reshape")));
-  nb::object nodes = nb::none();
-  if (truthy(q.requires_grad)) {
-    FnGrad grad(&back_to_input_shape, nullptr, 0, {t});
-    nb::list edges;
-    // str() of a list of ints prints as a shape does: that label can wait.
-    if (PyList_Check(shape.ptr())) {
-      std::vector<int64_t> dims = ints(shape, "reshape");
-      edges.append(edge(t, std::move(grad), LazyLabel().shape(x.shape()).then(" reshape ").shape(Shape(dims.data(), int(dims.size()), "reshape"))));
-    } else {
-      edges.append(edge(t, std::move(grad), x.shape().str() + " reshape " + py_text(shape)));
-    }
-    nodes = edges;
-  }
-  nb::object y = new_qtensor(data, q.requires_grad, nodes, q.device);
+  std::vector<int64_t> dims = ints(shape, "reshape");
+  Tensor data = reshape(x, dims);
+  Shape new_shape = data.shape();
+  // A list of the new sizes prints as the new shape does: that label can wait.
+  bool as_given = PyList_Check(shape.ptr()) && std::none_of(dims.begin(), dims.end(), [](int64_t d) { return d < 0; });
+  nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
+    e.label = as_given ? LazyLabel().shape(x.shape()).then(" reshape ").shape(new_shape)
+                       : LazyLabel::formatted(x.shape().str() + " reshape " + py_text(shape));
+  }, {q.requires_grad, q.device});
   record_one_input(y, t, " reshape ", "Reshape", method ? "_reshape_to_" : "_reshape_", {{"shape", shape}});
   return y;
 }
@@ -67,10 +59,10 @@ void check_reshape(const QTensor& q, nb::handle new_shape) {
 }
 
 nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
-  const Tensor& x = core_of(as_qtensor(t, "flatten"), "flatten");
-  nb::object y = make_result(flatten(x, start, end), {t}, [&](int) {
-    return edge(t, FnGrad(&back_to_input_shape, nullptr, 0, {t}),
-                method ? LazyLabel().id(t).then(" flatten ") : LazyLabel());
+  static const Derivatives& derivatives = derivatives_of("flatten");
+  const Tensor& x = core_of(t, "flatten");
+  nb::object y = make_result(flatten(x, start, end), {t}, derivatives, [&](int, Edge& e) {
+    if (method) e.label = LazyLabel().id(t).then(" flatten ");
   });
   record_gated(y, [&](QTensor& out) {
     append_links(out, {{t, LazyLabel()}});
@@ -82,36 +74,26 @@ nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
   return y;
 }
 
-Tensor swapaxis_grad(const Tensor& g, const FnGrad& f) { return swapaxis(g, f.axes[0], f.axes[1]); }
-
 nb::object swapaxis_op(nb::handle t, nb::handle axis1, nb::handle axis2) {
-  const Tensor& x = core_of(as_qtensor(t, "swapaxis"), "swapaxis");
+  static const Derivatives& derivatives = derivatives_of("swapaxis");
+  const Tensor& x = core_of(t, "swapaxis");
   Shape shape = x.shape();
   int64_t a1 = py::int_arg(axis1, "swapaxis", "axis1"), a2 = py::int_arg(axis2, "swapaxis", "axis2");
-  nb::object y = make_result(swapaxis(x, a1, a2), {t}, [&](int) {
-    FnGrad grad(&swapaxis_grad, nullptr, 0, {t});
-    grad.axes = {a1, a2};
-    return edge(t, std::move(grad), LazyLabel("swapaxis of tensor ").shape(shape));
+  nb::object y = make_result(swapaxis(x, a1, a2), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = {a1, a2};
+    e.label = LazyLabel("swapaxis of tensor ").shape(shape);
   });
   record_one_input(y, t, " swapaxis ", "Swapaxis", "_swapaxis_", {{"axis1", axis1}, {"axis2", axis2}});
   return y;
 }
 
-// The inverse permutation: positions ordered by the axis they hold.
-Tensor transpose_grad(const Tensor& x, const FnGrad& f) {
-  std::vector<int64_t> order(f.axes.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = int64_t(i);
-  std::stable_sort(order.begin(), order.end(), [&](int64_t a, int64_t b) { return f.axes[a] < f.axes[b]; });
-  return transpose(x, order);
-}
-
 nb::object transposed(nb::handle t, nb::handle dim) {
-  const Tensor& x = core_of(as_qtensor(t, "transpose"), "transpose");
+  static const Derivatives& derivatives = derivatives_of("transpose");
+  const Tensor& x = core_of(t, "transpose");
   std::vector<int64_t> dims = ints(dim, "transpose");
-  nb::object y = make_result(transpose(x, dims), {t}, [&](int) {
-    FnGrad grad(&transpose_grad, nullptr, 0, {t});
-    grad.axes = dims;
-    return edge(t, std::move(grad), "tranpose grad dim = " + py_text(dim));
+  nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = Dims(dims);
+    e.label = LazyLabel::formatted("tranpose grad dim = " + py_text(dim));
   });
   record_gated(y, [&](QTensor& out) {
     std::string link = "tranpose link dim = " + py_text(dim);
@@ -144,6 +126,14 @@ nb::list reversed_axes(int ndim) {
 }
 
 }  // namespace
+
+// Positions ordered by the axis they hold.
+std::vector<int64_t> inverse_permutation(const Dims& dims) {
+  std::vector<int64_t> order(dims.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = int64_t(i);
+  std::stable_sort(order.begin(), order.end(), [&](int64_t a, int64_t b) { return dims[size_t(a)] < dims[size_t(b)]; });
+  return order;
+}
 
 void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };

@@ -25,30 +25,26 @@ void record_appended(nb::handle t, nb::handle y, const char* opname, const char*
   });
 }
 
-// Held: t; axes: the repeats.
-Tensor tile_backward(const Tensor& x, const FnGrad& f) { return tile_grad(x, f.data(0).shape(), f.axes); }
-
 nb::object tile_op(nb::handle t, nb::handle reps) {
   if (!reps.is_none() && !PyList_Check(reps.ptr()))
     throw nb::type_error(("Argument 'reps' has incorrect type (expected list, got " +
                           std::string(nb::type_name(reps.type()).c_str()) + ")")
                              .c_str());
-  const Tensor& x = core_of(as_qtensor(t, "tile"), "tile");
+  static const Derivatives& derivatives = derivatives_of("tile");
+  const Tensor& x = core_of(t, "tile");
   std::vector<int64_t> repeats = ints(reps, "tile");
   Shape shape = x.shape();
-  nb::object y = make_result(tile(x, repeats), {t}, [&](int) {
-    FnGrad grad(&tile_backward, nullptr, 0, {t});
-    grad.axes = repeats;
-    return edge(t, std::move(grad), LazyLabel("tile grad dim = ").shape(shape));
+  nb::object y = make_result(tile(x, repeats), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = Dims(repeats);
+    e.label = LazyLabel("tile grad dim = ").shape(shape);
   });
   record_appended(t, y, "Tile", "_tile_", "_tile_ link dim = " + py_text(reps), "reps", reps);
   return y;
 }
 
-Tensor reshape_back(const Tensor& g, const FnGrad& f) { return reshape(g, f.data(0).shape()); }
-
 nb::object squeeze_op(nb::handle t, nb::handle axis) {
-  const Tensor& x = core_of(as_qtensor(t, "squeeze"), "squeeze");
+  static const Derivatives& derivatives = derivatives_of("squeeze");
+  const Tensor& x = core_of(t, "squeeze");
   int ndim = x.ndim();
   nb::object wrap_axis = nb::none();
   Tensor data;
@@ -72,26 +68,23 @@ nb::object squeeze_op(nb::handle t, nb::handle axis) {
     throw nb::value_error("Not supported input parameter for squeeze()'s axis");
   }
   Shape shape = x.shape();
-  nb::object y = make_result(std::move(data), {t}, [&](int) {
-    return edge(t, FnGrad(&reshape_back, nullptr, 0, {t}), LazyLabel("squeeze grad of tensor ").shape(shape));
-  });
+  nb::object y = make_result(std::move(data), {t}, derivatives,
+                             [&](int, Edge& e) { e.label = LazyLabel("squeeze grad of tensor ").shape(shape); });
   record_appended(t, y, "Squeeze", "_squeeze_", "_squeeze_ link dim = " + py_text(axis), "axis", wrap_axis);
   return y;
 }
 
-Tensor unsqueeze_backward(const Tensor& x, const FnGrad& f) { return squeeze(x, f.axes); }
-
 }  // namespace
 
 nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
-  const Tensor& x = core_of(as_qtensor(t, "unsqueeze"), "unsqueeze");
+  static const Derivatives& derivatives = derivatives_of("unsqueeze");
+  const Tensor& x = core_of(t, "unsqueeze");
   int64_t a = py::int_arg(axis, "unsqueeze", "axis");
   int64_t w = maybe_wrap_dim_unsqueeze(a, x.ndim());
   Shape shape = x.shape();
-  nb::object y = make_result(unsqueeze(x, w), {t}, [&](int) {
-    FnGrad grad(&unsqueeze_backward, nullptr, 0, {t});
-    grad.axes = {w};
-    return edge(t, std::move(grad), LazyLabel("unsqueeze grad tensor of ").shape(shape));
+  nb::object y = make_result(unsqueeze(x, w), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = {w};
+    e.label = LazyLabel("unsqueeze grad tensor of ").shape(shape);
   });
   record_appended(t, y, "Unsqueeze", "_unsqueeze_", "_unsqueeze_ link dim = " + py_text(axis), "axis", w);
   return y;
@@ -99,36 +92,32 @@ nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
 
 namespace {
 
-Tensor broadcast_to_backward(const Tensor& g, const FnGrad& f) { return unbroadcast(f.grad_data(0), g); }
-
 nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
-  const Tensor& x = core_of(as_qtensor(t, "broadcast_to"), "broadcast_to");
+  static const Derivatives& derivatives = derivatives_of("broadcast_to");
+  const Tensor& x = core_of(t, "broadcast_to");
   Shape shape = x.shape();
   std::vector<int64_t> dims = ints(ref, "broadcast_to");
   Shape target(dims.data(), int(dims.size()), "broadcast_to");
-  nb::object y = make_result(broadcast_to(x, target), {t}, [&](int) {
-    return edge(t, FnGrad(&broadcast_to_backward, nullptr, 0, {t}),
-                "A grad " + shape.str() + " broadcast_to " + py_text(ref));
+  nb::object y = make_result(broadcast_to(x, target), {t}, derivatives, [&](int, Edge& e) {
+    e.label = LazyLabel::formatted("A grad " + shape.str() + " broadcast_to " + py_text(ref));
   });
-  Shape out_shape = core_of(as_qtensor(y, "broadcast_to"), "broadcast_to").shape();
+  Shape out_shape = core_of(y, "broadcast_to").shape();
   record_always_linked(y, {{t, "link "}}, LazyLabel().shape(shape).then(" broadcast_to ").shape(out_shape), [&] {
     return make_record(id_text(t) + "_broadcast_to_+" + id_text(y), "Broadcast", {t}, y, nb::list());
   });
   return y;
 }
 
-Tensor flip_backward(const Tensor& g, const FnGrad& f) { return flip(g, f.axes); }
-
 nb::object flip_op(nb::handle t, nb::handle flip_dims) {
-  const Tensor& x = core_of(as_qtensor(t, "flip"), "flip");
+  static const Derivatives& derivatives = derivatives_of("flip");
+  const Tensor& x = core_of(t, "flip");
   std::vector<int64_t> dims = ints(flip_dims, "flip");
   for (int64_t d : dims) maybe_wrap_dim(d, x.ndim());  // a check only: the core takes them as given
   Tensor data = flip(x, dims);
   Shape shape = data.shape();
-  nb::object y = make_result(std::move(data), {t}, [&](int) {
-    FnGrad grad(&flip_backward, nullptr, 0, {t});
-    grad.axes = dims;
-    return edge(t, std::move(grad), LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape));
+  nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = Dims(dims);
+    e.label = LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape);
   });
   record_one_input(y, t, " flip ", "Flip", "_flip__", {{"dims", flip_dims}});
   return y;
