@@ -376,3 +376,9 @@ def test_failed_move_leaves_tensor_usable():
         t.toGPU(1005)
     assert t.device == 0
     np.testing.assert_array_equal(np.array(t), [0.0, 1.0, 2.0])
+
+
+def test_emulated_accelerators_are_the_devices_that_exist():
+    # conftest asks for two emulated accelerators before the engine loads.
+    assert _core.emulated_accelerator_count() == 2
+    assert [d for d in (0, 5, 999, GPU0, GPU1, 1002, 1007) if _core.device_available(d)] == [0, GPU0, GPU1]

@@ -554,3 +554,25 @@ def test_astype_cast_record(save_constant, save_opinfo):
                                                   {"dtype", D.kfloat64})
     assert (r.op_input_id_lists, r.op_output_id_list) == ([str(id(t))], [str(id(y))])
     assert [(n.tensor, n.name, n.df) for n in y.link_nodes] == [(t, "Cast", None)]
+
+
+def test_the_walks_one_at_a_time_do_what_backprop_does():
+    def setup():
+        x = leaf([1.0])
+        a = derived([(x, scaled(3))], [3.0])
+        z = derived([(a, scaled(2))], [6.0])
+        seed = QTensor([1.0])
+        z.grad = QTensor([1.0])
+        return x, a, z, seed
+
+    x, a, z, seed = setup()
+    assert tt.just_valid_result_from_qvm(seed, z) is True  # also allocates the zero grads
+    assert val(x.grad)[0] == 0.0 and val(a.grad)[0] == 0.0
+    tt.backprop_impl(seed, z)
+    assert val(x.grad)[0] == 6.0 and val(a.grad)[0] == 2.0
+    tt.free_backprop_grad(seed, z)
+    assert a.grad is None and val(x.grad)[0] == 6.0
+
+    x, a, z, seed = setup()
+    tt.backprop(seed, z)
+    assert a.grad is None and val(x.grad)[0] == 6.0

@@ -86,3 +86,9 @@ def test_sums_of_integers_and_the_scalar_gradient_path():
     t = QTensor(np.ones(3, np.float32), requires_grad=True)
     tt.sums(t).backward(np.array([2.5], np.float32))
     assert np.allclose(t.grad.to_numpy(), 2.5) and t.grad.dtype == D.kfloat32
+
+
+def test_var_match_shape_spreads_along_the_axis_and_counts_it():
+    spread, n = tt.var_match_shape(QTensor(np.array([[1.0], [2.0]])).data, [2, 3], -1)
+    assert n == 3
+    np.testing.assert_array_equal(np.array(spread), [[1.0] * 3, [2.0] * 3])
