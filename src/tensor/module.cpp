@@ -37,15 +37,6 @@ NB_MODULE(tensor, m) {
   init_gradfn(m);
   init_autograd(m);
   init_creation(m);
-  init_broadcast(m);
-  init_arithmetic(m, cls);
-  init_unary(m);
-  init_compare(m);
-  init_extrema(m);
-  init_sum_mean(m);
-  init_spread(m);
-  init_extremes(m);
-  init_reshape(m, cls);
-  init_tile(m);
+  init_families(m, cls);  // See Note [family registration]
   init_operator_tables(m);
 }

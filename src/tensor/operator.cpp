@@ -1,5 +1,8 @@
 #include "tensor/operator.h"
 
+#include <algorithm>
+#include <string>
+
 namespace tramel::tensor {
 
 namespace {
@@ -22,6 +25,21 @@ nb::object make_leaf_result(Tensor data, Inputs inputs, ResultFields fields) {
   nb::handle requires_grad = fields.requires_grad.is_valid() ? fields.requires_grad : requires_grad_or(inputs);
   nb::object device = fields.device.is_valid() ? nb::borrow(fields.device) : device_object(data.device());
   return new_qtensor(std::move(data), requires_grad, Py_None, device);
+}
+
+namespace {
+std::vector<std::pair<std::string, FamilyInit>>& families() {
+  static std::vector<std::pair<std::string, FamilyInit>> registered;
+  return registered;
+}
+}  // namespace
+
+FamilyRegistration::FamilyRegistration(const char* name, FamilyInit init) { families().emplace_back(name, init); }
+
+void init_families(nb::module_& m, nb::class_<QTensor>& cls) {
+  std::vector<std::pair<std::string, FamilyInit>> ordered = families();
+  std::sort(ordered.begin(), ordered.end());
+  for (const auto& [name, init] : ordered) init(m, cls);
 }
 
 void register_family_names(const char* family, nb::list names) { operator_tables()[family] = names; }

@@ -165,19 +165,20 @@ void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Run ru
   register_family_names(family, names);
 }
 
+// Note [family registration]
+// Each operator file registers the function that binds its operators with
+// TRAMEL_FAMILY(init_fn) at file scope; the module runs them all, in the
+// order of their names, once QTensor and the autograd functions exist. A new
+// operator file therefore needs no line anywhere else.
+using FamilyInit = void (*)(nb::module_& m, nb::class_<QTensor>& cls);
+struct FamilyRegistration {
+  FamilyRegistration(const char* name, FamilyInit init);
+};
+#define TRAMEL_FAMILY(init) static const FamilyRegistration family_registration_##init(#init, &init)
+void init_families(nb::module_& m, nb::class_<QTensor>& cls);
+
 void init_operator_tables(nb::module_& m);
 void init_gradfn(nb::module_& m);
-// One per family file.
-void init_broadcast(nb::module_& m);
-void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls);
-void init_unary(nb::module_& m);
-void init_compare(nb::module_& m);
-void init_extrema(nb::module_& m);
-void init_sum_mean(nb::module_& m);
-void init_spread(nb::module_& m);
-void init_extremes(nb::module_& m);
-void init_reshape(nb::module_& m, nb::class_<QTensor>& cls);
-void init_tile(nb::module_& m);
 
 // unsqueeze(t, axis), also QTensor.unsqueeze.
 nb::object unsqueeze_op(nb::handle t, nb::handle axis);

@@ -88,4 +88,6 @@ void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls) {
   cls.attr("__array_ufunc__") = nb::none();
 }
 
+TRAMEL_FAMILY(init_arithmetic);
+
 }  // namespace tramel::tensor

@@ -89,7 +89,7 @@ std::pair<nb::object, nb::object> prepare_binary(nb::handle t1, nb::handle t2) {
   return {a, b};
 }
 
-void init_broadcast(nb::module_& m) {
+void init_broadcast(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("_broadcast_function_before_binary_op",
         [](nb::handle t1, nb::handle t2) {
@@ -108,5 +108,7 @@ void init_broadcast(nb::module_& m) {
         arg("un_broadcast_grad"), arg("broadcast_grad"));
   m.def("infer_size_expand", &infer_size_expand, arg("sa"), arg("sb"));
 }
+
+TRAMEL_FAMILY(init_broadcast);
 
 }  // namespace tramel::tensor

@@ -126,7 +126,7 @@ nb::object allclose(nb::handle t1, nb::handle t2, nb::handle rtol, nb::handle at
 
 }  // namespace
 
-void init_compare(nb::module_& m) {
+void init_compare(nb::module_& m, nb::class_<QTensor>&) {
   def_family<2>(m, "compare", kCompare, &compare_op);
   m.def("logical_not", &logical_not_op, nb::arg("t").none());
   def_family<1>(m, "classify", kClassify, &classify_op);
@@ -144,5 +144,7 @@ void init_compare(nb::module_& m) {
     return rich_compare(kRich[op], self, other);
   };
 }
+
+TRAMEL_FAMILY(init_compare);
 
 }  // namespace tramel::tensor

@@ -90,11 +90,13 @@ nb::object log_softmax_op(nb::handle t, nb::handle axis) {
 
 }  // namespace
 
-void init_unary(nb::module_& m) {
+void init_unary(nb::module_& m, nb::class_<QTensor>&) {
   def_family<1>(m, "unary", kUnary, &apply_unary);
   m.def("log_softmax", &log_softmax_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
   static const Bound<UnaryRow> neg = bound_row(kUnary, "neg");
   g_operators.neg = [](nb::handle t) { return apply_unary(neg, t); };  // the negation slot
 }
+
+TRAMEL_FAMILY(init_unary);
 
 }  // namespace tramel::tensor

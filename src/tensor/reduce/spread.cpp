@@ -118,7 +118,7 @@ Tensor var_grad(const Tensor& g, nb::handle t, const Dims& axes, bool unbiased) 
   return var_grad_withaxis(g, t, core_of(t, "var").shape(), axes[0], unbiased);
 }
 
-void init_spread(nb::module_& m) {
+void init_spread(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   nb::list names;
   for (const SpreadRow& row : kSpread) {
@@ -156,5 +156,7 @@ void init_spread(nb::module_& m) {
                                        unbiased_arg(unbiased)));
   }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
 }
+
+TRAMEL_FAMILY(init_spread);
 
 }  // namespace tramel::tensor

@@ -104,7 +104,7 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
 int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar) { return wrap_dim(dim, ndim, wrap_scalar, false); }
 int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim) { return wrap_dim(dim, ndim, true, true); }
 
-void init_sum_mean(nb::module_& m) {
+void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
   m.def("mean", &mean_of, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
@@ -133,5 +133,7 @@ void init_sum_mean(nb::module_& m) {
     return out;
   }, nb::arg("dim1"), nb::arg("dim2"), nb::arg("ndim"));
 }
+
+TRAMEL_FAMILY(init_sum_mean);
 
 }  // namespace tramel::tensor

@@ -190,4 +190,6 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   }, arg("new_dims") = nb::none());
 }
 
+TRAMEL_FAMILY(init_reshape);
+
 }  // namespace tramel::tensor

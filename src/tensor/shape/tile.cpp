@@ -125,7 +125,7 @@ nb::object flip_op(nb::handle t, nb::handle flip_dims) {
 
 }  // namespace
 
-void init_tile(nb::module_& m) {
+void init_tile(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("tile", &tile_op, arg("t"), arg("reps"));
   m.def("squeeze", &squeeze_op, arg("t"), arg("axis") = nb::none());
@@ -133,5 +133,7 @@ void init_tile(nb::module_& m) {
   m.def("broadcast_to", &broadcast_to_op, arg("t"), arg("ref"));
   m.def("flip", &flip_op, arg("t"), arg("flip_dims"));
 }
+
+TRAMEL_FAMILY(init_tile);
 
 }  // namespace tramel::tensor

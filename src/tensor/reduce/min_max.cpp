@@ -1,6 +1,6 @@
-// min and max over all elements or one axis, and cumsum. The extrema share
-// one gradient: over all elements tied extremes split the gradient equally,
-// along an axis every tied extreme receives all of it.
+// min and max over all elements or one axis. Their gradient: over all
+// elements tied extremes split the gradient equally, along an axis every tied
+// extreme receives all of it.
 #include "bindings/interop.h"
 #include "tensor/operator.h"
 
@@ -64,20 +64,6 @@ nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::ha
   return y;
 }
 
-nb::object cumsum_op(nb::handle t, nb::handle axis) {
-  static const Derivatives& derivatives = derivatives_of("cumsum");
-  const Tensor& x = core_of(t, "cumsum");
-  int64_t a = py::int_arg(axis, "cumsum", "axis");
-  Tensor data = cumsum(x, a);
-  Shape shape = data.shape();
-  nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
-    e.derivative.axes = {a};
-    e.label = LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape);
-  });
-  record_one_input(y, t, " cumsum ", "CumSum", "_cumsum__", {{"axis", axis}});
-  return y;
-}
-
 }  // namespace
 
 // Over all elements tied extremes split the gradient equally; along an axis
@@ -90,7 +76,7 @@ Tensor min_max_grad(const Tensor& g, const Tensor& input, const Tensor& result, 
   return binary(BinaryOp::Div, prod, broadcast_to(ties, prod.shape()));
 }
 
-void init_extremes(nb::module_& m) {
+void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
   nb::list names;
   for (const ExtremeRow& row : kExtremes) {
     const ExtremeRow* r = &row;
@@ -101,7 +87,6 @@ void init_extremes(nb::module_& m) {
     names.append(row.name);
   }
   register_family_names("extremes", names);
-  m.def("cumsum", &cumsum_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
   m.def("_min_max_match_shape", [](nb::handle x, nb::handle shape, nb::handle axis) {
     Dims axes;
     if (!axis.is_none()) axes = {py::int_arg(axis, "_min_max_match_shape", "axis")};
@@ -119,5 +104,7 @@ void init_extremes(nb::module_& m) {
                                   as_core(value, "_min_max_grad"), axes));
   }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());
 }
+
+TRAMEL_FAMILY(init_min_max);
 
 }  // namespace tramel::tensor

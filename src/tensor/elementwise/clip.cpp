@@ -1,0 +1,35 @@
+// clip: values limited to [min_val, max_val]; the gradient passes inside the bounds.
+#include "bindings/interop.h"
+#include "tensor/operator.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
+  static const Derivatives& derivatives = derivatives_of("clip");
+  const Tensor& x = core_of(t, "clip");
+  double low = py::float_arg(min_val, "clip", "min_val"), high = py::float_arg(max_val, "clip", "max_val");
+  nb::object y = make_result(clamp(x, low, high), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.bounds[0] = low;
+    e.derivative.bounds[1] = high;
+  });
+  record_gated(y, [&](QTensor& out) {
+    replace_links(out, {{t, LazyLabel(" clip ")}});
+    nb::dict attribute;
+    attribute["min"] = min_val;
+    attribute["max"] = max_val;
+    std::string opid = id_text(t) + "_clip_" + py_text(min_val) + "_" + py_text(max_val) + "_" + id_text(y);
+    return make_record(opid, "Clip", {t}, y, attribute);
+  });
+  return y;
+}
+
+}  // namespace
+
+void init_clip(nb::module_& m, nb::class_<QTensor>&) {
+  m.def("clip", &clip, nb::arg("t").none(), nb::arg("min_val").none(), nb::arg("max_val").none());
+}
+TRAMEL_FAMILY(init_clip);
+
+}  // namespace tramel::tensor

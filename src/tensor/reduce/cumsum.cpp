@@ -1,0 +1,30 @@
+// cumsum: running sums along one axis; the gradient runs them backwards.
+#include "bindings/interop.h"
+#include "tensor/operator.h"
+
+namespace tramel::tensor {
+
+namespace {
+
+nb::object cumsum_op(nb::handle t, nb::handle axis) {
+  static const Derivatives& derivatives = derivatives_of("cumsum");
+  const Tensor& x = core_of(t, "cumsum");
+  int64_t a = py::int_arg(axis, "cumsum", "axis");
+  Tensor data = cumsum(x, a);
+  Shape shape = data.shape();
+  nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = {a};
+    e.label = LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape);
+  });
+  record_one_input(y, t, " cumsum ", "CumSum", "_cumsum__", {{"axis", axis}});
+  return y;
+}
+
+}  // namespace
+
+void init_cumsum(nb::module_& m, nb::class_<QTensor>&) {
+  m.def("cumsum", &cumsum_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
+}
+TRAMEL_FAMILY(init_cumsum);
+
+}  // namespace tramel::tensor
