@@ -329,6 +329,7 @@ nb::object& graphnode_name(GraphNode& node) {
 
 void zero_grad(nb::handle self) {
   QTensor& s = as_qtensor(self, "zero_grad");
+  // (sic) the trailing space.
   if (is_false(s.requires_grad)) throw nb::value_error("Tensor's requires_grad is False ");
   if (s.grad.is_none()) {
     const Tensor& data = core_of(s, "zero_grad");
@@ -346,6 +347,7 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
   g_types.core_tensor = (PyTypeObject*)nb::type<Tensor>().ptr();
 
   nb::class_<QTensor> cls(m, "QTensor", nb::is_weak_referenceable(), nb::type_slots(qtensor_slots),
+                          // (sic) "nerual": the class's own words.
                           "QTensor is basic data struct for quantum circuits and nerual networks.\n"
                           "It supports multiple operations and implement their gradient function.");
   g_types.qtensor = (PyTypeObject*)cls.ptr();

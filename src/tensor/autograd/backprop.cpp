@@ -226,6 +226,7 @@ void backward(nb::handle self, nb::handle grad) {
   } else {
     int64_t device = device_of(s.device, "backward");
     if (device >= kFirstAccelerator && PyObject_TypeCheck(grad.ptr(), ndarray_type()))
+      // (sic) the leading space and the missing one after the comma.
       throw nb::value_error(" input grad should not be ndarray,if current Tensor is on GPU device.");
     seed = to_tensor(grad);
     nb::object seed_device = as_qtensor(seed, "backward").device;

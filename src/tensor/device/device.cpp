@@ -63,6 +63,7 @@ namespace {
 
 nb::object to_gpu(nb::handle self, nb::handle device) {
   int d = py::device_arg(device, "toGPU");
+  // (sic) "DEV_GPU" for DEV_GPU_0.
   if (d < kFirstAccelerator) throw nb::value_error("device should be DEV_GPU,DEV_GPU_1,... for GPU");
   return move(self, d, "toGPU");
 }

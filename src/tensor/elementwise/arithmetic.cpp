@@ -50,6 +50,7 @@ nb::object accumulate(nb::handle tensor_list) {
   if (tensor_list.is_none()) throw nb::type_error("object of type 'NoneType' has no len()");
   nb::list items = nb::borrow<nb::list>(tensor_list);
   if (items.size() <= 1) {
+    // (sic) "should >1" and the trailing spaces of these messages.
     PyErr_SetString(PyExc_AssertionError, "tensor_list length should >1 ");
     throw nb::python_error();
   }

@@ -24,6 +24,7 @@ struct CompareRow {
 
 const CompareRow kCompare[] = {
     {"equal", {CompareOp::Equal}, {"Equal", "_equal_", " op1 equal ", " op2 equal "}},
+    // (sic) not_equal's links say "equal".
     {"not_equal", {CompareOp::NotEqual}, {"NotEqual", "_not_equal_", " op1 equal ", " op2 equal "}},
     {"greater", {CompareOp::Greater}, {"Greater", "_greater_", " op1 greater ", " op2 greater "}},
     {"greater_equal", {CompareOp::GreaterEqual},
@@ -112,6 +113,7 @@ nb::object rich_compare(const RichRow& rich, nb::handle self, nb::handle other) 
     auto [a, b] = broadcast_pair(self, other_tensor);
     return compare_op(rich.op, a, b);
   }
+  // (sic) "implmented".
   throw std::runtime_error(std::string(rich.method) + " not implmented for type " + py_text(other));
 }
 

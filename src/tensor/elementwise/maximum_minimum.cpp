@@ -34,6 +34,7 @@ nb::object extremum(Bound<ExtremumRow> op, nb::handle t1, nb::handle t2) {
     e.label = *label ? LazyLabel(label).id(i == 0 ? t1 : t2) : LazyLabel();
   });
   record_gated(y, [&](QTensor& out) {
+    // (sic) the links of maximum and minimum are labelled " pow ".
     replace_links(out, {{t1, LazyLabel(" pow ")}, {t2, LazyLabel(" pow ")}});
     return make_record(ids(t1, row.trace.opid_infix, t2) + "_" + id_text(y), row.trace.opname, {t1, t2}, y,
                        nb::dict());

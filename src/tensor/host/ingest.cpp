@@ -11,7 +11,7 @@ namespace {
 
 // ---- the way in of host data ----
 
-// Text kept as users know it (sic): "np.bool8" and the order of the list.
+// (sic) "np.bool8" and the order of the list.
 const char* const kUnsupportedArrayType =
     "source_array dtype must be one of "
     "(np.int8,np.bool8,np.uint8,np.int16,np.int32,np.int64,np.float32,np.float64,np.complex128,np.complex64)";
@@ -155,7 +155,8 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
       return finish();
     }
     if (dev >= kFirstAccelerator) {
-      try {  // Text kept as users know it (sic): "Create Tensor", "DEV_GPU," and the backslashes
+      // (sic) "Create Tensor", "DEV_GPU" and the backslashes of both messages.
+      try {
         t.assign(to_device(t, int(dev), "toGPU"));
         return finish();
       } catch (const std::exception&) {

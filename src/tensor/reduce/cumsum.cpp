@@ -16,6 +16,7 @@ nb::object cumsum_op(nb::handle t, nb::handle axis) {
     e.derivative.axes = {a};
     e.label = LazyLabel("input grad ").shape(shape).then(" cumsumgrad ").shape(shape);
   });
+  // (sic) the double underscore of the opid.
   record_one_input(y, t, " cumsum ", "CumSum", "_cumsum__", {{"axis", axis}});
   return y;
 }

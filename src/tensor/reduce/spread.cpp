@@ -90,6 +90,7 @@ nb::object spread(const SpreadRow& row, const Derivatives& derivatives, nb::hand
     e.derivative.axes = axes;
     e.derivative.unbiased = is_true(unbiased);
   });
+  // (sic) std's link is labelled " var " too.
   record_one_input(y, t, " var ", row.trace.opname, row.trace.opid_infix,
                    {{"axes", axis}, {"keepdims", keepdims}, {"unbiased", unbiased}});
   return y;

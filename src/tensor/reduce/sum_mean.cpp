@@ -97,6 +97,7 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
       name(i, e);
     });
   }
+  // (sic) the link of a mean is labelled " var ".
   record_one_input(y, t, " var ", "Mean", "_mean_", {{"axes", axis}, {"keepdims", keepdims}});
   return y;
 }

@@ -93,6 +93,7 @@ nb::object transposed(nb::handle t, nb::handle dim) {
   std::vector<int64_t> dims = ints(dim, "transpose");
   nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.axes = Dims(dims);
+    // (sic) "tranpose", here and in the link: labels kept as users know them.
     e.label = LazyLabel::formatted("tranpose grad dim = " + py_text(dim));
   });
   record_gated(y, [&](QTensor& out) {
@@ -100,6 +101,7 @@ nb::object transposed(nb::handle t, nb::handle dim) {
     append_links(out, {{t, LazyLabel(), &link}});
     nb::dict attribute;
     attribute["dim"] = dim;
+    // (sic) the double underscore of the opid.
     return make_record(id_text(t) + "_transpose__" + id_text(y), "Transpose", {t}, y, attribute);
   });
   return y;
@@ -114,6 +116,7 @@ void check_dims(const QTensor& q, nb::handle new_dims) {
   std::vector<bool> seen(size_t(ndim), false);
   for (int i = 0; i < ndim; ++i) {
     int64_t d = maybe_wrap_dim(py::int_arg(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
+    // (sic) the trailing space.
     if (seen[size_t(d)]) assertion("repeat dim in second para is not valid ");
     seen[size_t(d)] = true;
   }

@@ -103,6 +103,7 @@ nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
   });
   Shape out_shape = core_of(y, "broadcast_to").shape();
   record_always_linked(y, {{t, "link "}}, LazyLabel().shape(shape).then(" broadcast_to ").shape(out_shape), [&] {
+    // (sic) the "+" of the opid.
     return make_record(id_text(t) + "_broadcast_to_+" + id_text(y), "Broadcast", {t}, y, nb::list());
   });
   return y;
@@ -119,6 +120,7 @@ nb::object flip_op(nb::handle t, nb::handle flip_dims) {
     e.derivative.axes = Dims(dims);
     e.label = LazyLabel("input grad ").shape(shape).then(" flip grad ").shape(shape);
   });
+  // (sic) the double underscore of the opid.
   record_one_input(y, t, " flip ", "Flip", "_flip__", {{"dims", flip_dims}});
   return y;
 }
