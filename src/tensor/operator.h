@@ -59,6 +59,7 @@ nb::handle requires_grad_or(Inputs inputs);
 // Appends the edges of y to the inputs that require a gradient.
 template <typename Describe>
 void add_edges(QTensor& y, Inputs inputs, const Derivatives& row, Describe& describe) {
+  y.edges.reserve(y.edges.size() + inputs.size());  // one allocation for all of them
   for (size_t i = 0; i < inputs.size(); ++i) {
     QTensor& input = as_qtensor(inputs[i], "operator");
     const Gradient& gradient = row.for_input(int(i));
