@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;

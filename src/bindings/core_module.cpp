@@ -2,7 +2,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;

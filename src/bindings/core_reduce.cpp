@@ -2,7 +2,7 @@
 // running sums of _core.tramel. Convert, call, return.
 #include <nanobind/nanobind.h>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;

@@ -3,7 +3,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/pair.h>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;

@@ -4,7 +4,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/export/record.h"
 #include "tensor/operator.h"
 

@@ -7,7 +7,7 @@
 //     the result, with a zero grad of its own at once;
 //   C (ranges, random draws, diag): the argument is stored as given, and when
 //     it is the object True the result gets a zero grad at once.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {

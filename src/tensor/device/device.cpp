@@ -1,6 +1,6 @@
 // Device placement: copies to another device (GPU, CPU), moves in place
 // (toGPU, toCPU), the device tests and getdata.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {

@@ -1,6 +1,6 @@
 // Bringing two operands to one device and one shape, and undoing the
 // expansion in their gradients.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

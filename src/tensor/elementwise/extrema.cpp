@@ -1,5 +1,5 @@
 // maximum and minimum (ties share the gradient), clip, and power.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

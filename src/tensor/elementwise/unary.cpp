@@ -1,6 +1,6 @@
 // One-input functions: rounding, arithmetic, exponentials, trigonometric and
 // hyperbolic functions, and log_softmax.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

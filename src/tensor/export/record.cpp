@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/autograd/toposort.h"
 
 namespace tramel::tensor {

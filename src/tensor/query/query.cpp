@@ -1,5 +1,5 @@
 // Fills, whole-tensor queries and the read-only views of a tensor.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {

@@ -1,7 +1,7 @@
 // min and max over all elements or one axis, and cumsum. The extrema share
 // one gradient: over all elements tied extremes split the gradient equally,
 // along an axis every tied extreme receives all of it.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

@@ -1,7 +1,7 @@
 // std and var, differentiable, and median, which is not. The gradients of
 // std and var are written with the module's own mean and QTensor arithmetic,
 // then finished in place on the core tensor of that arithmetic's result.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

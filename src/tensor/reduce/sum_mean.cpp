@@ -1,6 +1,6 @@
 // sums and mean, with the axis helpers that every axis-taking operator uses.
 // Their gradients spread the reduced gradient back over the input's shape.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

@@ -3,7 +3,7 @@
 // gradient; the in-place methods take no part in the graph.
 #include <algorithm>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

@@ -1,6 +1,6 @@
 // tile, squeeze, unsqueeze, broadcast_to and flip: single-input operators
 // that repeat, drop or add axes, expand, or reverse.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

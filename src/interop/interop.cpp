@@ -1,4 +1,4 @@
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
