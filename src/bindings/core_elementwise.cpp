@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "interop/args.h"
 #include "interop/interop.h"
 
 namespace nb = nanobind;
@@ -13,31 +14,38 @@ using namespace tramel;
 
 namespace {
 
-// The right operand of a binary method: a core tensor or a host number.
-const Tensor* tensor_or_null(nb::handle b) {
-  return nb::isinstance<Tensor>(b) ? &nb::cast<const Tensor&>(b) : nullptr;
-}
+// The right operand of a binary method: a core tensor, or a host number read
+// as py::HostScalar.
+struct Operand : py::HostScalar {
+  Operand() = default;
+  Operand(nb::handle h) : py::HostScalar(h) {}
+  const Tensor* tensor() const { return nb::isinstance<Tensor>(*this) ? &nb::cast<const Tensor&>(*this) : nullptr; }
+};
 
-Tensor binary_any(BinaryOp op, const Tensor& a, nb::handle b, const char* name) {
-  if (const Tensor* t = tensor_or_null(b))
+}  // namespace
+
+namespace nanobind::detail {
+TRAMEL_ARGUMENT_CASTER(Operand, make_caster<tramel::Tensor>::Name + const_name(" | ") +
+                                    make_caster<tramel::py::HostScalar>::Name)
+}  // namespace nanobind::detail
+
+namespace {
+
+Tensor binary_any(BinaryOp op, const Tensor& a, const Operand& b, const char* name) {
+  if (const Tensor* t = b.tensor())
     return py::unlocked([op](const Tensor& x, const Tensor& y) { return binary(op, x, y); }, a, *t);
-  return py::unlocked([op](const Tensor& x, const Scalar& y) { return binary(op, x, y); }, a,
-                      py::scalar_arg(b, name));
+  return py::unlocked([op](const Tensor& x, const Scalar& y) { return binary(op, x, y); }, a, b.get(name));
 }
 
-Tensor compare_any(CompareOp op, const Tensor& a, nb::handle b, const char* name) {
-  if (const Tensor* t = tensor_or_null(b))
+Tensor compare_any(CompareOp op, const Tensor& a, const Operand& b, const char* name) {
+  if (const Tensor* t = b.tensor())
     return py::unlocked([op](const Tensor& x, const Tensor& y) { return compare(op, x, y); }, a, *t);
-  return py::unlocked([op](const Tensor& x, const Scalar& y) { return compare(op, x, y); }, a,
-                      py::scalar_arg(b, name));
+  return py::unlocked([op](const Tensor& x, const Scalar& y) { return compare(op, x, y); }, a, b.get(name));
 }
 
 // A missing bound (None) does not limit.
-double bound_arg(nb::handle v, double none_value, const char* op) {
-  if (v.is_none()) return none_value;
-  Scalar s = py::scalar_arg(v, op);
-  if (s.kind == Scalar::Kind::Complex) fail(ErrorKind::Type, op, "bounds must be real numbers");
-  return s.kind == Scalar::Kind::Int ? double(s.i) : s.re;
+double bound(const py::Real& v, double if_none, const char* op, const char* what) {
+  return v.is_none() ? if_none : v.get(op, what);
 }
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
@@ -89,15 +97,15 @@ void init_elementwise(nb::module_& m) {
   for (const BinaryName& b : kBinary) {
     const char* name = b.name;
     BinaryOp op = b.op;
-    cls.def(name, [op, name](const Tensor& a, nb::handle other) { return binary_any(op, a, other, name); },
+    cls.def(name, [op, name](const Tensor& a, const Operand& other) { return binary_any(op, a, other, name); },
             nb::arg("other"));
   }
   for (const BinaryName& b : kInPlace) {
     const char* name = b.name;
     BinaryOp op = b.op;
-    cls.def(name, [op, name](Tensor& a, nb::handle other) {
-      if (const Tensor* t = tensor_or_null(other)) binary_(op, a, *t);
-      else binary_(op, a, py::scalar_arg(other, name));
+    cls.def(name, [op, name](Tensor& a, const Operand& other) {
+      if (const Tensor* t = other.tensor()) binary_(op, a, *t);
+      else binary_(op, a, other.get(name));
     }, nb::arg("other"));
   }
   for (const UnaryName& u : kUnary) {
@@ -107,7 +115,7 @@ void init_elementwise(nb::module_& m) {
   for (const CompareName& c : kCompare) {
     const char* name = c.name;
     CompareOp op = c.op;
-    cls.def(name, [op, name](const Tensor& a, nb::handle other) { return compare_any(op, a, other, name); },
+    cls.def(name, [op, name](const Tensor& a, const Operand& other) { return compare_any(op, a, other, name); },
             nb::arg("other"));
   }
   for (const ClassifyName& c : kClassify) {
@@ -128,11 +136,11 @@ void init_elementwise(nb::module_& m) {
     return add_tensor_list(list);
   }, nb::arg("tensors"));
 
-  cls.def("clamp", [](const Tensor& x, nb::handle lo, nb::handle hi) {
-    return clamp(x, bound_arg(lo, -kInf, "clamp"), bound_arg(hi, kInf, "clamp"));
+  cls.def("clamp", [](const Tensor& x, const py::Real& lo, const py::Real& hi) {
+    return clamp(x, bound(lo, -kInf, "clamp", "min_val"), bound(hi, kInf, "clamp", "max_val"));
   }, nb::arg("min_val").none(), nb::arg("max_val").none());
-  cls.def("clamp_grad", [](const Tensor& x, const Tensor& g, nb::handle lo, nb::handle hi) {
-    return clamp_grad(x, g, bound_arg(lo, -kInf, "clamp_grad"), bound_arg(hi, kInf, "clamp_grad"));
+  cls.def("clamp_grad", [](const Tensor& x, const Tensor& g, const py::Real& lo, const py::Real& hi) {
+    return clamp_grad(x, g, bound(lo, -kInf, "clamp_grad", "min_val"), bound(hi, kInf, "clamp_grad", "max_val"));
   }, nb::arg("g"), nb::arg("min_val").none(), nb::arg("max_val").none());
   cls.def("sqrt_grad", [](const Tensor& y, const Tensor& g) { return sqrt_grad(y, g); }, nb::arg("g"));
   cls.def("tan_grad", [](const Tensor& y, const Tensor& g) { return tan_grad(y, g); }, nb::arg("g"));

@@ -2,6 +2,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
+#include "interop/args.h"
 #include "interop/interop.h"
 
 namespace nb = nanobind;
@@ -51,8 +52,8 @@ NB_MODULE(_core, m) {
   for (DType d : all_dtypes) m.attr((std::string("k") + dtype_name(d)).c_str()) = int(d);
 
   m.def("get_default_dtype", [] { return int(default_dtype()); });
-  m.def("set_default_dtype", [](nb::handle d) { set_default_dtype(*py::dtype_arg(d, "set_default_dtype")); });
-  m.def("get_readable_dtype_str", [](nb::handle d) { return dtype_name(*py::dtype_arg(d, "get_readable_dtype_str")); });
+  m.def("set_default_dtype", [](const py::DTypeArg& d) { set_default_dtype(d.get("set_default_dtype")); });
+  m.def("get_readable_dtype_str", [](const py::DTypeArg& d) { return dtype_name(d.get("get_readable_dtype_str")); });
   m.def("manual_seed", [](uint64_t seed) { manual_seed(seed); }, nb::arg("seed"),
         "Seeds the one random generator behind every random fill.");
   m.def("set_num_threads", &set_num_threads, nb::arg("n"), "Threads that large loops split across.");

@@ -2,6 +2,7 @@
 // running sums of _core.tramel. Convert, call, return.
 #include <nanobind/nanobind.h>
 
+#include "interop/args.h"
 #include "interop/interop.h"
 
 namespace nb = nanobind;
@@ -16,8 +17,8 @@ using SpreadAllFn = Tensor (*)(const Tensor&, bool);
 
 void def_reduction(nb::class_<Tensor>& cls, const char* name, AllFn all, AxesFn axes) {
   cls.def(name, [all](const Tensor& t) { return py::unlocked(all, t); });
-  cls.def(name, [axes, name](const Tensor& t, nb::handle dims, bool keepdims) {
-    return py::unlocked(axes, t, py::ints_arg(dims, name, "axes"), keepdims);
+  cls.def(name, [axes, name](const Tensor& t, const py::Axes& dims, bool keepdims) {
+    return py::unlocked(axes, t, dims.get(name), keepdims);
   }, nb::arg("axes"), nb::arg("keepdims") = false);
 }
 
@@ -32,8 +33,8 @@ bool truth(nb::handle h) {
 void def_spread(nb::class_<Tensor>& cls, const char* name, SpreadAllFn all, SpreadAxesFn axes) {
   cls.def(name, [all](const Tensor& t, nb::handle unbiased) { return py::unlocked(all, t, truth(unbiased)); },
           nb::arg("unbiased").none());
-  cls.def(name, [axes, name](const Tensor& t, nb::handle dims, bool keepdims, nb::handle unbiased) {
-    return py::unlocked(axes, t, py::ints_arg(dims, name, "axes"), keepdims, truth(unbiased));
+  cls.def(name, [axes, name](const Tensor& t, const py::Axes& dims, bool keepdims, nb::handle unbiased) {
+    return py::unlocked(axes, t, dims.get(name), keepdims, truth(unbiased));
   }, nb::arg("axes"), nb::arg("keepdims"), nb::arg("unbiased").none());
 }
 
@@ -51,10 +52,10 @@ void init_reduce(nb::module_& m) {
   def_spread(cls, "var", var, var);
   def_spread(cls, "std", tramel::std, tramel::std);
 
-  tr.def("cumsum", [](const Tensor& t, nb::handle axis) {
-    return py::unlocked(cumsum, t, py::int_arg(axis, "cumsum", "axis"));
+  tr.def("cumsum", [](const Tensor& t, const py::Axis& axis) {
+    return py::unlocked(cumsum, t, axis.get("cumsum"));
   }, nb::arg("data"), nb::arg("axis"));
-  tr.def("cumsumgrad", [](const Tensor& g, nb::handle axis) {
-    return py::unlocked(cumsum_grad, g, py::int_arg(axis, "cumsumgrad", "axis"));
+  tr.def("cumsumgrad", [](const Tensor& g, const py::Axis& axis) {
+    return py::unlocked(cumsum_grad, g, axis.get("cumsumgrad"));
   }, nb::arg("g"), nb::arg("axis"));
 }

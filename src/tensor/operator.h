@@ -167,7 +167,5 @@ void init_tile(nb::module_& m);
 nb::object unsqueeze_op(nb::handle t, nb::handle axis);
 // mean(t, axis, keepdims), for the gradients of std and var.
 nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims);
-// The axes of a reduction as the caller gave them (an int or a list of ints).
-std::vector<int64_t> axis_list(nb::handle axis, const char* op);
 
 }  // namespace tramel::tensor

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/export/record.h"
 #include "tensor/operator.h"
@@ -227,7 +228,7 @@ DType list_dtype(DType numpy_dtype) {
 
 bool is_complex_dtype_arg(nb::handle dtype) {
   if (dtype.is_none()) return true;
-  std::optional<DType> d = py::dtype_arg(dtype, "QTensor", true);
+  std::optional<DType> d = py::DTypeArg(dtype).marked("QTensor");
   return d && is_complex(*d);
 }
 
@@ -236,7 +237,7 @@ nb::object core_from_array(nb::handle array, int device, nb::handle dtype, bool 
   DType src;
   if (!py::array_dtype(array, &src)) throw nb::type_error(kUnsupportedArrayType);
   std::optional<DType> target;
-  if (!dtype.is_none()) target = py::dtype_arg(dtype, "QTensor", true);
+  if (!dtype.is_none()) target = py::DTypeArg(dtype).marked("QTensor");
   else if (from_list) target = list_dtype(src);
   return wrap_core(py::tensor_from_array(array, device, target, "QTensor"));
 }
@@ -252,7 +253,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
     int64_t dev = device_of(device, "QTensor");
     auto finish = [&]() -> nb::object {
       if (dtype.is_none()) return nb::borrow(data);
-      DType d = *py::dtype_arg(dtype, "QTensor");
+      DType d = py::DTypeArg(dtype).get("QTensor");
       return d == t.dtype() ? nb::borrow(data) : wrap_core(to_dtype(t, d, true));
     };
     if (dev == t.device()) return finish();
@@ -273,7 +274,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
               "Support CPU device is 0, GPU device is DEV_GPU,DEV_GPU_1,DEV_GPU_2,DEV_GPU_3,...");
   }
 
-  int dev = py::device_arg(device, "QTensor");
+  int dev = py::DeviceArg(device).get("QTensor");
   if (PyObject_TypeCheck(data.ptr(), ndarray_type())) {
     DType src;
     bool known = py::array_dtype(data, &src);
@@ -286,7 +287,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
   NestedList list;
   if (list.read(data.ptr())) {
     DType d = dtype.is_none() ? list_dtype(list.numpy_dtype())
-                              : py::dtype_arg(dtype, "QTensor", true).value_or(list.numpy_dtype());
+                              : py::DTypeArg(dtype).marked("QTensor").value_or(list.numpy_dtype());
     return wrap_core(list.to_tensor(dev, d));
   }
   nb::object source = nb::steal(PyObject_CallOneArg(g_np_array, data.ptr()));
@@ -335,10 +336,10 @@ const char* astype_label_tail(DType from, DType to) {
 // The gradient of astype: back to the source's dtype as it is when it runs.
 Tensor astype_grad(const Tensor& g, const FnGrad& f) { return to_dtype(g, f.data(0).dtype(), true); }
 
-nb::object astype(nb::handle self, nb::handle dtype) {
+nb::object astype(nb::handle self, const py::DTypeArg& dtype) {
   QTensor& s = as_qtensor(self, "astype");
   const Tensor& source = core_of(s, "astype");
-  DType target = *py::dtype_arg(dtype, "astype");
+  DType target = dtype.get("astype");
   nb::object data = wrap_core(to_dtype(source, target, true));
   nb::list nodes;
   if (truthy(s.requires_grad)) {
@@ -425,7 +426,7 @@ int64_t device_of(nb::handle device_field, const char* op) {
     long long d = PyLong_AsLongLongAndOverflow(device_field.ptr(), &overflow);
     if (!overflow) return d;
   }
-  return py::int_arg(device_field, op, "device");
+  return py::integer(device_field, op, "device");
 }
 
 nb::object device_object(int device) {
@@ -618,8 +619,8 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
              nb::arg("grad").none());
 
   cls.def("__init__",
-          [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
-             nb::handle dtype, nb::handle name) {
+          [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, const py::DeviceArg& device,
+             const py::DTypeArg& dtype, nb::handle name) {
             nb::object core = to_coretensor_ndarray(data, device, dtype);
             init_fields(self, std::move(core), requires_grad, nodes, device, name);
             try {

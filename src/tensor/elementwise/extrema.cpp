@@ -1,4 +1,5 @@
 // maximum and minimum (ties share the gradient), clip, and power.
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -57,9 +58,9 @@ nb::object extremum(const ExtremumRow& row, nb::handle t1, nb::handle t2) {
 
 Tensor clip_grad(const Tensor& g, const FnGrad& f) { return clamp_grad(f.data(0), g, f.bounds[0], f.bounds[1]); }
 
-nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
+nb::object clip(nb::handle t, const py::Real& min_val, const py::Real& max_val) {
   const Tensor& x = core_of(as_qtensor(t, "clip"), "clip");
-  double low = py::float_arg(min_val, "clip", "min_val"), high = py::float_arg(max_val, "clip", "max_val");
+  double low = min_val.get("clip", "min_val"), high = max_val.get("clip", "max_val");
   nb::object y = make_result(clamp(x, low, high), {t}, [&](int) {
     FnGrad grad(&clip_grad, nullptr, 0, {t});
     grad.bounds[0] = low;

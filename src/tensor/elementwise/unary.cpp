@@ -1,5 +1,6 @@
 // One-input functions: rounding, arithmetic, exponentials, trigonometric and
 // hyperbolic functions, and log_softmax.
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -111,9 +112,9 @@ nb::object apply_unary(const UnaryRow& row, nb::handle t) {
 
 Tensor log_softmax_backward(const Tensor& g, const FnGrad& f) { return log_softmax_grad(g, f.data(1), f.axes[0]); }
 
-nb::object log_softmax_op(nb::handle t, nb::handle axis) {
+nb::object log_softmax_op(nb::handle t, const py::Axis& axis) {
   const Tensor& x = core_of(as_qtensor(t, "log_softmax"), "log_softmax");
-  int64_t dim = maybe_wrap_dim(py::int_arg(axis, "log_softmax", "axis"), x.ndim());
+  int64_t dim = maybe_wrap_dim(axis.get("log_softmax"), x.ndim());
   Shape shape = x.shape();
   nb::object data = wrap_core(log_softmax(x, dim));
   nb::object y = make_result(data, {t}, [&](int) {

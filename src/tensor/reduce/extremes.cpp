@@ -1,6 +1,7 @@
 // min and max over all elements or one axis, and cumsum. The extrema share
 // one gradient: over all elements tied extremes split the gradient equally,
 // along an axis every tied extreme receives all of it.
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -46,12 +47,12 @@ Tensor min_max_grad(const Tensor& g, const FnGrad& f) {
   return binary(BinaryOp::Div, prod, broadcast_to(ties, prod.shape()));
 }
 
-nb::object extreme(const ExtremeRow& row, nb::handle t, nb::handle axis, nb::handle keepdims) {
+nb::object extreme(const ExtremeRow& row, nb::handle t, const py::Axis& axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, row.name);
   const Tensor& x = core_of(q, row.name);
   Shape shape = x.shape();
   std::vector<int64_t> axes;
-  if (!axis.is_none()) axes = {py::int_arg(axis, row.name, "axis")};
+  if (!axis.is_none()) axes = {axis.get(row.name)};
   nb::object data = wrap_core(axis.is_none() ? row.all(x) : row.along(x, axes, truthy(keepdims)));
   nb::handle requires_grad = q.requires_grad;
   if (row.needs_true) requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
@@ -75,9 +76,9 @@ nb::object extreme(const ExtremeRow& row, nb::handle t, nb::handle axis, nb::han
 
 Tensor cumsum_backward(const Tensor& g, const FnGrad& f) { return cumsum_grad(g, f.axes[0]); }
 
-nb::object cumsum_op(nb::handle t, nb::handle axis) {
+nb::object cumsum_op(nb::handle t, const py::Axis& axis) {
   const Tensor& x = core_of(as_qtensor(t, "cumsum"), "cumsum");
-  int64_t a = py::int_arg(axis, "cumsum", "axis");
+  int64_t a = axis.get("cumsum");
   Tensor data = cumsum(x, a);
   Shape shape = data.shape();
   nb::object y = make_result(std::move(data), {t}, [&](int) {
@@ -95,25 +96,25 @@ void init_extremes(nb::module_& m) {
   nb::list names;
   for (const ExtremeRow& row : kExtremes) {
     const ExtremeRow* r = &row;
-    m.def(row.name, [r](nb::handle t, nb::handle axis, nb::handle keepdims) { return extreme(*r, t, axis, keepdims); },
+    m.def(row.name, [r](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return extreme(*r, t, axis, keepdims); },
           nb::arg("t").none(), nb::arg("axis").none() = nb::none(), nb::arg("keepdims").none() = false);
     names.append(row.name);
   }
   register_family_names("extremes", names);
   m.def("cumsum", &cumsum_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
-  m.def("_min_max_match_shape", [](nb::handle x, nb::handle shape, nb::handle axis) {
+  m.def("_min_max_match_shape", [](nb::handle x, const py::IntList& shape, const py::Axis& axis) {
     std::vector<int64_t> axes;
-    if (!axis.is_none()) axes = {py::int_arg(axis, "_min_max_match_shape", "axis")};
-    return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), py::shape_arg(nb::list(shape), "_min_max_match_shape"), axes));
+    if (!axis.is_none()) axes = {axis.get("_min_max_match_shape")};
+    return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), shape.shape("_min_max_match_shape"), axes));
   }, nb::arg("x").none(), nb::arg("shape").none(), nb::arg("axis").none());
-  m.def("_min_max_grad", [](nb::handle x, nb::handle result, nb::handle inputs, nb::handle axis) {
+  m.def("_min_max_grad", [](nb::handle x, nb::handle result, nb::handle inputs, const py::Axis& axis) {
     // The same computation as an edge of min/max, on core tensors given
     // directly; a float result becomes a core tensor on the inputs' device.
     nb::object value = PyFloat_Check(result.ptr())
                            ? nb::handle(core_tensor_type())(result, as_core(inputs, "_min_max_grad").device())
                            : nb::borrow(result);
     FnGrad grad(&min_max_grad, nullptr, 0, {inputs, value});
-    if (!axis.is_none()) grad.axes = {py::int_arg(axis, "_min_max_grad", "axis")};
+    if (!axis.is_none()) grad.axes = {axis.get("_min_max_grad")};
     return wrap_core(grad.apply(as_core(x, "_min_max_grad")));
   }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());
 }

@@ -1,6 +1,7 @@
 // std and var, differentiable, and median, which is not. The gradients of
 // std and var are written with the module's own mean and QTensor arithmetic,
 // then finished in place on the core tensor of that arithmetic's result.
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -84,14 +85,14 @@ const SpreadRow kSpread[] = {
      "Var", "_var_"},
 };
 
-nb::object spread(const SpreadRow& row, nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
+nb::object spread(const SpreadRow& row, nb::handle t, const py::Axis& axis, nb::handle keepdims, nb::handle unbiased) {
   QTensor& q = as_qtensor(t, row.name);
   const Tensor& x = core_of(q, row.name);
   // The core gets unbiased as Python truth; the gradients divide by n - 1
   // only for the object True.
   bool core_unbiased = truthy(unbiased);
   std::vector<int64_t> axes;
-  if (!axis.is_none()) axes = {py::int_arg(axis, row.name, "axis")};
+  if (!axis.is_none()) axes = {axis.get(row.name)};
   nb::object data =
       wrap_core(axis.is_none() ? row.all(x, core_unbiased) : row.along(x, axes, truthy(keepdims), core_unbiased));
   nb::object y = make_result(data, {t}, [&](int) {
@@ -105,12 +106,12 @@ nb::object spread(const SpreadRow& row, nb::handle t, nb::handle axis, nb::handl
   return y;
 }
 
-nb::object median_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
+nb::object median_op(nb::handle t, const py::Axis& axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "median");
   const Tensor& x = core_of(q, "median");
   if (axis.is_none())
     return new_qtensor(wrap_core(median(x)), is_true(q.requires_grad) ? Py_True : Py_False, Py_None, q.device);
-  Tensor data = median(x, {py::int_arg(axis, "median", "axis")}, truthy(keepdims));
+  Tensor data = median(x, {axis.get("median")}, truthy(keepdims));
   int device = data.device();
   return new_qtensor(wrap_core(std::move(data)), q.requires_grad, Py_None, device_object(device));
 }
@@ -125,7 +126,7 @@ void init_spread(nb::module_& m) {
   for (const SpreadRow& row : kSpread) {
     const SpreadRow* r = &row;
     m.def(row.name,
-          [r](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
+          [r](nb::handle t, const py::Axis& axis, nb::handle keepdims, nb::handle unbiased) {
             return spread(*r, t, axis, keepdims, unbiased);
           },
           arg("t"), arg("axis") = nb::none(), arg("keepdims") = false, arg("unbiased") = true);
@@ -135,24 +136,24 @@ void init_spread(nb::module_& m) {
   m.def("median", &median_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
 
   // The gradient helpers, callable on their own.
-  m.def("var_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
-    auto [data, n] = var_match_shape(as_core(x, "var_match_shape"), py::shape_arg(nb::list(shape), "var_match_shape"), axis);
+  m.def("var_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
+    auto [data, n] = var_match_shape(as_core(x, "var_match_shape"), shape.shape("var_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(data)), n);
   }, arg("x"), arg("shape"), nb::arg("axis"));
   m.def("_std_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle data, nb::handle unbiased) {
     return wrap_core(std_grad_withoutaxis(as_core(g, "std"), t, as_core(data, "std"), unbiased_arg(unbiased)));
   }, arg("g"), arg("t"), arg("data"), arg("unbiased"));
-  m.def("_std_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle data, nb::handle t_shape, int64_t axis,
-                                 nb::handle, nb::handle unbiased) {
-    return wrap_core(std_grad_withaxis(as_core(x, "std"), t, as_core(data, "std"),
-                                       py::shape_arg(nb::list(t_shape), "std"), axis, unbiased_arg(unbiased)));
+  m.def("_std_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle data, const py::IntList& t_shape,
+                                 int64_t axis, nb::handle, nb::handle unbiased) {
+    return wrap_core(std_grad_withaxis(as_core(x, "std"), t, as_core(data, "std"), t_shape.shape("std", "t_shape"),
+                                       axis, unbiased_arg(unbiased)));
   }, arg("x"), arg("t"), arg("data"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
   m.def("_var_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle unbiased) {
     return wrap_core(var_grad_withoutaxis(as_core(g, "var"), t, unbiased_arg(unbiased)));
   }, arg("g"), arg("t"), arg("unbiased"));
-  m.def("_var_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle t_shape, int64_t axis, nb::handle,
+  m.def("_var_grad_withaxis", [](nb::handle x, nb::handle t, const py::IntList& t_shape, int64_t axis, nb::handle,
                                  nb::handle unbiased) {
-    return wrap_core(var_grad_withaxis(as_core(x, "var"), t, py::shape_arg(nb::list(t_shape), "var"), axis,
+    return wrap_core(var_grad_withaxis(as_core(x, "var"), t, t_shape.shape("var", "t_shape"), axis,
                                        unbiased_arg(unbiased)));
   }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
 }

@@ -1,5 +1,6 @@
 // sums and mean, with the axis helpers that every axis-taking operator uses.
 // Their gradients spread the reduced gradient back over the input's shape.
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -20,13 +21,6 @@ int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze
   if (dim < -ndim || dim > ndim - 1) bare_assertion();
   if (dim < 0) dim += ndim + (for_unsqueeze ? 1 : 0);
   return dim;
-}
-
-// Axes as Python gives them; a bool is the int it is (True is axis 1).
-std::vector<int64_t> int_list(nb::handle axes, const char* op) {
-  std::vector<int64_t> out;
-  for (nb::handle a : axes) out.push_back(PyBool_Check(a.ptr()) ? int64_t(a.ptr() == Py_True) : py::int_arg(a, op, "axis"));
-  return out;
 }
 
 // The reduced gradient x, with ones at the reduced axes of `shape`, expanded
@@ -53,19 +47,20 @@ Tensor sum_all_grad(const Tensor& g, const FnGrad& f) {
 
 Tensor sum_axes_grad(const Tensor& x, const FnGrad& f) { return spread(x, f.data(0).shape(), f.axes); }
 
-nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
+nb::object sums(nb::handle t, const py::Axes& axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "sums");
   const Tensor& x = core_of(q, "sums");
   Shape shape = x.shape();
-  // An int axis becomes a one-element list before anything else sees it.
+  // An int axis becomes a one-element list before anything else sees it; a
+  // bool is the int it is (True is axis 1).
   nb::object axes_given = nb::borrow(axis);
-  if (PyLong_Check(axis.ptr())) {
+  if (!axis.is_none() && axis.alone()) {
     nb::list one;
     one.append(axis);
     axes_given = one;
   }
   std::vector<int64_t> axes;
-  if (!axis.is_none()) axes = int_list(axes_given, "sums");
+  if (!axis.is_none()) axes = axis.get("sums", "axis", py::Bools::Counted);
   Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
   nb::object nodes = nb::none();
   if (truthy(q.requires_grad)) {
@@ -107,7 +102,7 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
       nodes.append(edge(t, FnGrad(&mean_all_backward, nullptr, 0, {t}), LazyLabel("mean grad")));
     y = new_qtensor(wrap_core(mean(x)), requires_grad, nodes, q.device);
   } else {
-    int64_t a = py::int_arg(axis, "mean", "axis");
+    int64_t a = py::integer(axis, "mean", "axis");
     y = make_result(mean(x, {a}, truthy(keepdims)), {t}, [&](int) {
       FnGrad grad(&mean_axis_backward, nullptr, 0, {t});
       grad.axes = {a};
@@ -118,20 +113,16 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
   return y;
 }
 
-std::vector<int64_t> axis_list(nb::handle axis, const char* op) {
-  if (PyLong_Check(axis.ptr())) return {PyBool_Check(axis.ptr()) ? int64_t(axis.ptr() == Py_True) : py::int_arg(axis, op, "axis")};
-  return int_list(axis, op);
-}
-
 int64_t maybe_wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar) { return wrap_dim(dim, ndim, wrap_scalar, false); }
 int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim) { return wrap_dim(dim, ndim, true, true); }
 
 void init_sum_mean(nb::module_& m) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("mean", &mean_of, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("_mean_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
-    auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), py::shape_arg(nb::list(shape), "_mean_match_shape"), axis);
+  m.def("mean", [](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return mean_of(t, axis, keepdims); },
+        arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("_mean_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
+    auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), shape.shape("_mean_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(grad)), n);
   }, arg("x"), arg("shape"), nb::arg("axis"));
   m.def("maybe_wrap_dim", [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, false); },
@@ -139,9 +130,9 @@ void init_sum_mean(nb::module_& m) {
   m.def("maybe_wrap_dim_unsqueeze",
         [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, true); }, nb::arg("dim"),
         nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
-  m.def("_helper_func_parse_dims", [](nb::handle dims, int64_t ndim) {
+  m.def("_helper_func_parse_dims", [](const py::IntList& dims, int64_t ndim) {
     nb::list out;
-    for (nb::handle d : dims) out.append(wrap_dim(py::int_arg(d, "_helper_func_parse_dims", "axis"), ndim, true, false));
+    for (int64_t d : dims.get("_helper_func_parse_dims", "axis")) out.append(wrap_dim(d, ndim, true, false));
     return out;
   }, arg("dim"), nb::arg("ndim"));
   m.def("_helper_func_fill_dims", [](int64_t dim1, int64_t dim2, int64_t ndim) {

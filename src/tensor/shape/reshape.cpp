@@ -3,6 +3,7 @@
 // gradient; the in-place methods take no part in the graph.
 #include <algorithm>
 
+#include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
 
@@ -13,12 +14,6 @@ namespace {
 [[noreturn]] void assertion(const std::string& text) {
   PyErr_SetString(PyExc_AssertionError, text.c_str());
   throw nb::python_error();
-}
-
-std::vector<int64_t> ints(nb::handle seq, const char* op) {
-  std::vector<int64_t> out;
-  for (nb::handle v : seq) out.push_back(py::int_arg(v, op, "dimension"));
-  return out;
 }
 
 // Refuses anything but a list (or None) the way a typed argument would.
@@ -32,17 +27,17 @@ void require_list(nb::handle value, const char* name) {
 // Held: t. The gradient takes t's shape when it runs.
 Tensor back_to_input_shape(const Tensor& g, const FnGrad& f) { return reshape(g, f.data(0).shape()); }
 
-nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
+nb::object reshaped(nb::handle t, const py::IntList& shape, bool method) {
   QTensor& q = as_qtensor(t, "reshape");
   const Tensor& x = core_of(q, "reshape");
-  nb::object data = wrap_core(reshape(x, ints(shape, "reshape")));
+  nb::object data = wrap_core(reshape(x, shape.get("reshape", "shape")));
   nb::object nodes = nb::none();
   if (truthy(q.requires_grad)) {
     FnGrad grad(&back_to_input_shape, nullptr, 0, {t});
     nb::list edges;
     // str() of a list of ints prints as a shape does: that label can wait.
     if (PyList_Check(shape.ptr())) {
-      std::vector<int64_t> dims = ints(shape, "reshape");
+      std::vector<int64_t> dims = shape.get("reshape", "shape");
       edges.append(edge(t, std::move(grad), LazyLabel().shape(x.shape()).then(" reshape ").shape(Shape(dims.data(), int(dims.size()), "reshape"))));
     } else {
       edges.append(edge(t, std::move(grad), x.shape().str() + " reshape " + py_text(shape)));
@@ -55,10 +50,9 @@ nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
 }
 
 // QTensor.reshape's own checks, as assertions.
-void check_reshape(const QTensor& q, nb::handle new_shape) {
+void check_reshape(const QTensor& q, const py::IntList& new_shape) {
   int64_t size = 1;
-  for (nb::handle d : new_shape) {
-    int64_t v = py::int_arg(d, "reshape", "dimension");
+  for (int64_t v : new_shape.get("reshape", "shape")) {
     if (v < 0) assertion("dim should > 0");
     size *= v;
   }
@@ -84,10 +78,10 @@ nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
 
 Tensor swapaxis_grad(const Tensor& g, const FnGrad& f) { return swapaxis(g, f.axes[0], f.axes[1]); }
 
-nb::object swapaxis_op(nb::handle t, nb::handle axis1, nb::handle axis2) {
+nb::object swapaxis_op(nb::handle t, const py::Axis& axis1, const py::Axis& axis2) {
   const Tensor& x = core_of(as_qtensor(t, "swapaxis"), "swapaxis");
   Shape shape = x.shape();
-  int64_t a1 = py::int_arg(axis1, "swapaxis", "axis1"), a2 = py::int_arg(axis2, "swapaxis", "axis2");
+  int64_t a1 = axis1.get("swapaxis", "axis1"), a2 = axis2.get("swapaxis", "axis2");
   nb::object y = make_result(swapaxis(x, a1, a2), {t}, [&](int) {
     FnGrad grad(&swapaxis_grad, nullptr, 0, {t});
     grad.axes = {a1, a2};
@@ -105,9 +99,9 @@ Tensor transpose_grad(const Tensor& x, const FnGrad& f) {
   return transpose(x, order);
 }
 
-nb::object transposed(nb::handle t, nb::handle dim) {
+nb::object transposed(nb::handle t, const py::IntList& dim) {
   const Tensor& x = core_of(as_qtensor(t, "transpose"), "transpose");
-  std::vector<int64_t> dims = ints(dim, "transpose");
+  std::vector<int64_t> dims = dim.get("transpose", "dim");
   nb::object y = make_result(transpose(x, dims), {t}, [&](int) {
     FnGrad grad(&transpose_grad, nullptr, 0, {t});
     grad.axes = dims;
@@ -131,7 +125,7 @@ void check_dims(const QTensor& q, nb::handle new_dims) {
   if (PyList_GET_SIZE(new_dims.ptr()) < ndim) assertion("second para dim not equal to tensor shape");
   std::vector<bool> seen(size_t(ndim), false);
   for (int i = 0; i < ndim; ++i) {
-    int64_t d = maybe_wrap_dim(py::int_arg(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
+    int64_t d = maybe_wrap_dim(py::integer(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
     if (seen[size_t(d)]) assertion("repeat dim in second para is not valid ");
     seen[size_t(d)] = true;
   }
@@ -147,36 +141,37 @@ nb::list reversed_axes(int ndim) {
 
 void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("reshape", [](nb::handle t, nb::handle shape) { return reshaped(t, shape, false); }, arg("t"), arg("shape"));
+  m.def("reshape", [](nb::handle t, const py::IntList& shape) { return reshaped(t, shape, false); }, arg("t"),
+        arg("shape"));
   m.def("flatten", [](nb::handle t, int64_t start, int64_t end) { return flattened(t, start, end, false); }, arg("t"),
         nb::arg("start") = 0, nb::arg("end") = -1);
   m.def("swapaxis", &swapaxis_op, arg("t"), arg("axis1"), arg("axis2"));
   m.def("transpose", &transposed, arg("t"), arg("dim"));
-  m.def("permute", [](nb::handle t, nb::handle dim) {
+  m.def("permute", [](nb::handle t, const py::IntList& dim) {
     require_list(dim, "dim");
     return transposed(t, dim);
   }, arg("t"), arg("dim"));
 
-  cls.def("reshape", [](nb::handle self, nb::handle new_shape) {
+  cls.def("reshape", [](nb::handle self, const py::IntList& new_shape) {
     check_reshape(as_qtensor(self, "reshape"), new_shape);
     return reshaped(self, new_shape, true);
   }, arg("new_shape"));
-  cls.def("reshape_", [](nb::handle self, nb::handle new_shape) {
+  cls.def("reshape_", [](nb::handle self, const py::IntList& new_shape) {
     QTensor& q = as_qtensor(self, "reshape_");
     Tensor& x = core_of(q, "reshape_");
     if (PyList_Check(new_shape.ptr())) {
-      std::vector<int64_t> dims = ints(new_shape, "reshape_");
+      std::vector<int64_t> dims = new_shape.get("reshape_", "new_shape");
       if (dims.size() == size_t(x.ndim()) && std::equal(dims.begin(), dims.end(), x.shape().begin())) return;
     }
     if (!PyList_Check(new_shape.ptr()) && !PyTuple_Check(new_shape.ptr()))
       assertion("second para should be list or tuple");
     check_reshape(q, new_shape);
-    x.assign(reshape(x, ints(new_shape, "reshape_")));
+    x.assign(reshape(x, new_shape.get("reshape_", "new_shape")));
   }, arg("new_shape"));
-  cls.def("unsqueeze", &unsqueeze_op, arg("axis"));
+  cls.def("unsqueeze", [](nb::handle self, const py::Axis& axis) { return unsqueeze_op(self, axis); }, arg("axis"));
   cls.def("flatten", [](nb::handle self, int64_t start, int64_t end) { return flattened(self, start, end, true); },
           nb::arg("start") = 0, nb::arg("end") = -1);
-  cls.def("transpose", [](nb::handle self, nb::handle new_dims) -> nb::object {
+  cls.def("transpose", [](nb::handle self, const py::IntList& new_dims) -> nb::object {
     QTensor& q = as_qtensor(self, "transpose");
     if (!new_dims.is_none()) {
       check_dims(q, new_dims);
@@ -184,19 +179,19 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
     }
     // All axes reversed: a new leaf, cut off from the graph.
     const Tensor& x = core_of(q, "transpose");
-    nb::object result = to_tensor(wrap_core(transpose(x, ints(reversed_axes(x.ndim()), "transpose"))));
+    nb::object result = to_tensor(wrap_core(transpose(x, py::IntList(reversed_axes(x.ndim())).get("transpose", "dims"))));
     if (is_true(q.requires_grad)) {
       as_qtensor(result, "transpose").requires_grad = nb::borrow(Py_True);
       zero_grad(result);
     }
     return result;
   }, arg("new_dims") = nb::none());
-  cls.def("transpose_", [](nb::handle self, nb::handle new_dims) {
+  cls.def("transpose_", [](nb::handle self, const py::IntList& new_dims) {
     QTensor& q = as_qtensor(self, "transpose_");
     Tensor& x = core_of(q, "transpose_");
     nb::object dims = new_dims.is_none() ? nb::object(reversed_axes(x.ndim())) : nb::borrow(new_dims);
     if (!new_dims.is_none()) check_dims(q, new_dims);
-    x.assign(transpose(x, ints(dims, "transpose_")));
+    x.assign(transpose(x, py::IntList(dims).get("transpose_", "new_dims")));
   }, arg("new_dims") = nb::none());
 }
 
