@@ -94,7 +94,6 @@ struct DeviceArg : nb::handle {
   DeviceArg() = default;
   DeviceArg(nb::handle h) : nb::handle(h) {}
   int get(const char* op) const;
-  int get_or(const char* op, int if_none) const { return is_none() ? if_none : get(op); }
 };
 
 // A host number: bool, int, float or complex, numpy scalars and 0-d arrays

@@ -211,6 +211,7 @@ struct NestedList {
           using Stored = std::conditional_t<std::is_same_v<T, bool>, uint8_t, T>;
           std::vector<Stored> buffer(leaves.size());
           write(buffer.data());
+          if (PyErr_Occurred()) throw nb::python_error();  // a number subclass's own __float__ failed
           int64_t strides[kMaxRank];
           for (int i = rank - 1, s = int64_t(sizeof(T)); i >= 0; --i) strides[i] = s, s *= dims[i];
           return from_strided(buffer.data(), src, shape, strides, dtype, device);
