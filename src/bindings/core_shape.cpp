@@ -13,7 +13,7 @@ using namespace tramel;
 void init_shape(nb::module_& m) {
   auto cls = nb::borrow<nb::class_<Tensor>>(m.attr("Tensor"));
   nb::module_ tr = nb::borrow<nb::module_>(m.attr("tramel"));
-  const char* axis = "axis: the axis; negative counts from the end.";
+  const char* axis_doc = "axis: the axis; negative counts from the end.";
 
   tr.def("mean_all_grad", [](const Tensor& g, const py::IntList& shape) {
     return mean_all_grad(g, shape.shape("mean_all_grad"));
@@ -52,7 +52,7 @@ void init_shape(nb::module_& m) {
   cls.def("squeeze_", [](Tensor& t, const py::Axis& axis) {
     t.assign(squeeze(t, {axis.get("squeeze_")}));
   }, nb::arg("axis"),
-     py::doc("Drops an axis of length one from the tensor itself; every reference to it sees the change.", {axis})
+     py::doc("Drops an axis of length one from the tensor itself; every reference to it sees the change.", {axis_doc})
          .c_str());
   cls.def("unsqueeze", [](const Tensor& t, const py::Axis& axis) {
     return unsqueeze(t, axis.get("unsqueeze"));
