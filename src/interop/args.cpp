@@ -185,8 +185,9 @@ Scalar HostScalar::get(const char* op) const {
   nb::object kind = nb::getattr(nb::getattr(value, "dtype", nb::none()), "kind", nb::none());
   if (PyUnicode_Check(kind.ptr())) {
     nb::object ndim = nb::getattr(value, "ndim", nb::none());
-    bool scalar = !PyLong_Check(ndim.ptr()) || PyLong_AsLong(ndim.ptr()) == 0;
-    if (PyErr_Occurred()) throw nb::python_error();
+    long dims = PyLong_Check(ndim.ptr()) ? PyLong_AsLong(ndim.ptr()) : 0;
+    if (dims == -1 && PyErr_Occurred()) throw nb::python_error();
+    bool scalar = dims == 0;
     if (scalar && PyUnicode_CompareWithASCIIString(kind.ptr(), "c") == 0) {
       Py_complex c = PyComplex_AsCComplex(o);
       if (c.real == -1.0 && PyErr_Occurred()) throw nb::python_error();
