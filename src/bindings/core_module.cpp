@@ -2,7 +2,9 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
-#include "bindings/interop.h"
+#include "bindings/docs.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 
 namespace nb = nanobind;
 using namespace tramel;
@@ -50,20 +52,39 @@ NB_MODULE(_core, m) {
                               DType::Int64,   DType::Float32, DType::Float64,   DType::Complex64, DType::Complex128};
   for (DType d : all_dtypes) m.attr((std::string("k") + dtype_name(d)).c_str()) = int(d);
 
-  m.def("get_default_dtype", [] { return int(default_dtype()); });
-  m.def("set_default_dtype", [](nb::handle d) { set_default_dtype(*py::dtype_arg(d, "set_default_dtype")); });
-  m.def("get_readable_dtype_str", [](nb::handle d) { return dtype_name(*py::dtype_arg(d, "get_readable_dtype_str")); });
+  m.def("get_default_dtype", [] { return int(default_dtype()); },
+        py::doc("The dtype of new floating tensors when none is given.", {}, "kfloat32 or kfloat64.").c_str());
+  m.def("set_default_dtype", [](const py::DTypeArg& d) { set_default_dtype(d.get("set_default_dtype")); },
+        nb::arg("dtype"),
+        py::doc("Sets the dtype of new floating tensors when none is given.", {"dtype: kfloat32 or kfloat64."})
+            .c_str());
+  m.def("get_readable_dtype_str", [](const py::DTypeArg& d) { return dtype_name(d.get("get_readable_dtype_str")); },
+        nb::arg("dtype"),
+        py::doc("The numpy name of a dtype.", {"dtype: a dtype constant (kbool ... kcomplex128)."},
+                "The name, such as 'float32'.").c_str());
   m.def("manual_seed", [](uint64_t seed) { manual_seed(seed); }, nb::arg("seed"),
-        "Seeds the one random generator behind every random fill.");
-  m.def("set_num_threads", &set_num_threads, nb::arg("n"), "Threads that large loops split across.");
-  m.def("get_num_threads", &get_num_threads);
-  m.def("emulated_accelerator_count", &emulated_accelerator_count);
-  m.def("device_available", &device_available);
+        py::doc("Seeds the one random generator behind every random fill.",
+                {"seed: a non-negative integer. A seed gives the same draws on one thread or many."}).c_str());
+  m.def("set_num_threads", &set_num_threads, nb::arg("n"),
+        py::doc("Sets the number of threads that large loops split across.", {"n: the number of threads."}).c_str());
+  m.def("get_num_threads", &get_num_threads,
+        py::doc("The number of threads that large loops split across.", {}, "An int.").c_str());
+  m.def("emulated_accelerator_count", &emulated_accelerator_count,
+        py::doc("The number of emulated accelerators, devices 1000 and up, made at import when\n"
+                "PYTRAMEL_EMULATED_ACCELERATORS is set.", {}, "An int, 0 when there are none.").c_str());
+  m.def("device_available", &device_available, nb::arg("device"),
+        py::doc("Whether something serves a device.",
+                {"device: a device number (0 is the processor, 1000 and up are accelerators)."}, "A bool.")
+            .c_str());
 
   export_config()["save_constant"] = false;
   export_config()["save_opinfo"] = false;
-  m.def("_set_export_config", &set_export_config, nb::arg("key"), nb::arg("value").none());
-  m.def("_get_export_config", &get_export_config);
+  m.def("_set_export_config", &set_export_config, nb::arg("key"), nb::arg("value").none(),
+        py::doc("Stores an export setting (see pytramel.onnx.export.set_onnx_convert_config).",
+                {"key: 'save_constant' or 'save_opinfo'.", "value: any object, kept as given."}).c_str());
+  m.def("_get_export_config", &get_export_config, nb::arg("key"),
+        py::doc("An export setting as it was stored.", {"key: 'save_constant' or 'save_opinfo'."},
+                "The stored object.").c_str());
 
   init_tensor_class(m);
   init_tramel_functions(m);

@@ -2,7 +2,7 @@
 // operator families.
 #include <nanobind/nanobind.h>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace nb = nanobind;

@@ -7,7 +7,8 @@
 
 #include <vector>
 
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/export/record.h"
 #include "tensor/operator.h"
 
@@ -216,7 +217,7 @@ int64_t device_of(nb::handle device_field, const char* op) {
     long long d = PyLong_AsLongLongAndOverflow(device_field.ptr(), &overflow);
     if (!overflow) return d;
   }
-  return py::int_arg(device_field, op, "device");
+  return py::integer(device_field, op, "device");
 }
 
 nb::object device_object(int device) {
@@ -372,8 +373,8 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
 
 
   cls.def("__init__",
-          [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
-             nb::handle dtype, nb::handle name) {
+          [](QTensor* self, nb::handle data, nb::handle requires_grad, nb::handle nodes, const py::DeviceArg& device,
+             const py::DTypeArg& dtype, nb::handle name) {
             nb::object core = to_coretensor_ndarray(data, device, dtype);
             init_fields(self, std::move(core), requires_grad, nodes, device, name);
             try {

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/autograd/identity_map.h"
 #include "tensor/autograd/toposort.h"
 

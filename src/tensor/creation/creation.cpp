@@ -7,24 +7,21 @@
 //     the result, with a zero grad of its own at once;
 //   C (ranges, random draws, diag): the argument is stored as given, and when
 //     it is the object True the result gets a zero grad at once.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
 
 namespace {
 
-DType dtype_or_default(nb::handle dtype, const char* op) {
-  return dtype.is_none() ? default_dtype() : *py::dtype_arg(dtype, op);
-}
-
 // Kind B: a new leaf with t's shape, and t's dtype and device unless given.
 template <typename Make>
-nb::object like(nb::handle t, nb::handle device, nb::handle dtype, const char* op, Make&& make) {
+nb::object like(nb::handle t, const py::DeviceArg& device, const py::DTypeArg& dtype, const char* op, Make&& make) {
   QTensor& source = as_qtensor(t, op);
   const Tensor& data = core_of(source, op);
-  DType d = dtype.is_none() ? data.dtype() : *py::dtype_arg(dtype, op);
-  int dev = device.is_none() ? int(device_of(source.device, op)) : py::device_arg(device, op);
+  DType d = dtype.get_or(op, data.dtype());
+  int dev = device.is_none() ? int(device_of(source.device, op)) : device.get(op);
   nb::object result = qtensor_from_core(make(data.shape(), dev, d));
   if (is_true(source.requires_grad)) {
     as_qtensor(result, op).requires_grad = nb::borrow(Py_True);
@@ -63,63 +60,73 @@ void init_creation(nb::module_& m) {
   m.def("to_tensor", &to_tensor, arg("x"));
 
   // Kind A.
-  m.def("zeros", [](nb::handle shape, nb::handle device, nb::handle dtype) {
-    return qtensor_from_core(filled(py::shape_arg(shape, "zeros"), py::device_arg(device, "zeros"),
-                                    dtype_or_default(dtype, "zeros"), Scalar::from_int(0), "zeros"));
+  m.def("zeros", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) {
+    return qtensor_from_core(filled(shape.get("zeros"), device.get("zeros"), dtype.get_or("zeros", default_dtype()),
+                                    Scalar::from_int(0), "zeros"));
   }, arg("shape"), arg("device") = 0, arg("dtype") = none);
-  m.def("ones", [](nb::handle shape, nb::handle device, nb::handle dtype) {
-    return qtensor_from_core(filled(py::shape_arg(shape, "ones"), py::device_arg(device, "ones"),
-                                    dtype_or_default(dtype, "ones"), Scalar::from_int(1), "ones"));
+  m.def("ones", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) {
+    return qtensor_from_core(filled(shape.get("ones"), device.get("ones"), dtype.get_or("ones", default_dtype()),
+                                    Scalar::from_int(1), "ones"));
   }, arg("shape"), arg("device") = 0, arg("dtype") = none);
-  m.def("empty", [](nb::handle shape, nb::handle device, nb::handle dtype) {
-    return qtensor_from_core(Tensor::empty(py::shape_arg(shape, "empty"), dtype_or_default(dtype, "empty"),
-                                           py::device_arg(device, "empty")));
+  m.def("empty", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) {
+    return qtensor_from_core(
+        Tensor::empty(shape.get("empty"), dtype.get_or("empty", default_dtype()), device.get("empty")));
   }, arg("shape"), arg("device") = 0, arg("dtype") = none);
-  m.def("full", [](nb::handle shape, nb::handle value, nb::handle device, nb::handle dtype) {
-    return qtensor_from_core(filled(py::shape_arg(shape, "full"), py::device_arg(device, "full"),
-                                    dtype_or_default(dtype, "full"), py::scalar_arg(value, "full"), "full"));
+  m.def("full", [](const py::Dims& shape, const py::HostScalar& value, const py::DeviceArg& device,
+                    const py::DTypeArg& dtype) {
+    return qtensor_from_core(filled(shape.get("full"), device.get("full"), dtype.get_or("full", default_dtype()),
+                                    value.get("full"), "full"));
   }, arg("shape"), arg("value"), arg("device") = 0, arg("dtype") = none);
 
   // Kind B.
-  m.def("zeros_like", &zeros_like, arg("t"), arg("device") = none, arg("dtype") = none);
-  m.def("ones_like", &ones_like, arg("t"), arg("device") = none, arg("dtype") = none);
-  m.def("empty_like", [](nb::handle t, nb::handle device, nb::handle dtype) {
+  m.def("zeros_like", [](nb::handle t, const py::DeviceArg& device, const py::DTypeArg& dtype) {
+    return zeros_like(t, device, dtype);
+  }, arg("t"), arg("device") = none, arg("dtype") = none);
+  m.def("ones_like", [](nb::handle t, const py::DeviceArg& device, const py::DTypeArg& dtype) {
+    return ones_like(t, device, dtype);
+  }, arg("t"), arg("device") = none, arg("dtype") = none);
+  m.def("empty_like", [](nb::handle t, const py::DeviceArg& device, const py::DTypeArg& dtype) {
     return like(t, device, dtype, "empty_like", [](const Shape& s, int dev, DType d) { return Tensor::empty(s, d, dev); });
   }, arg("t"), arg("device") = none, arg("dtype") = none);
-  m.def("full_like", [](nb::handle t, nb::handle value, nb::handle device, nb::handle dtype) {
-    Scalar v = py::scalar_arg(value, "full_like");
+  m.def("full_like", [](nb::handle t, const py::HostScalar& value, const py::DeviceArg& device,
+                         const py::DTypeArg& dtype) {
+    Scalar v = value.get("full_like");
     return like(t, device, dtype, "full_like",
                 [&](const Shape& s, int dev, DType d) { return filled(s, dev, d, v, "full_like"); });
   }, arg("t"), arg("value"), arg("device") = none, arg("dtype") = none);
 
   // Kind C.
-  m.def("arange", [](double start, double end, double step, nb::handle device, nb::handle dtype, nb::handle rg) {
+  m.def("arange", [](double start, double end, double step, const py::DeviceArg& device, const py::DTypeArg& dtype,
+                      nb::handle rg) {
     return with_requires_grad(
-        arange(start, end, step, py::device_arg(device, "arange"), dtype_or_default(dtype, "arange")), rg);
+        arange(start, end, step, device.get("arange"), dtype.get_or("arange", default_dtype())), rg);
   }, nb::arg("start"), nb::arg("end"), nb::arg("step") = 1, arg("device") = 0, arg("dtype") = none,
      arg("requires_grad") = false);
-  m.def("linspace", [](double start, double end, int64_t nums, nb::handle device, nb::handle dtype, nb::handle rg) {
+  m.def("linspace", [](double start, double end, int64_t nums, const py::DeviceArg& device,
+                        const py::DTypeArg& dtype, nb::handle rg) {
     return with_requires_grad(
-        linspace(start, end, nums, py::device_arg(device, "linspace"), dtype_or_default(dtype, "linspace")), rg);
+        linspace(start, end, nums, device.get("linspace"), dtype.get_or("linspace", default_dtype())), rg);
   }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), arg("device") = 0, arg("dtype") = none,
      arg("requires_grad") = false);
-  m.def("logspace", [](double start, double end, int64_t nums, double base, nb::handle device, nb::handle dtype,
-                       nb::handle rg) {
-    return with_requires_grad(logspace(start, end, nums, base, py::device_arg(device, "logspace"),
-                                       dtype_or_default(dtype, "logspace")), rg);
+  m.def("logspace", [](double start, double end, int64_t nums, double base, const py::DeviceArg& device,
+                       const py::DTypeArg& dtype, nb::handle rg) {
+    return with_requires_grad(logspace(start, end, nums, base, device.get("logspace"),
+                                       dtype.get_or("logspace", default_dtype())), rg);
   }, nb::arg("start"), nb::arg("end"), nb::arg("nums"), nb::arg("base"), arg("device") = 0, arg("dtype") = none,
      arg("requires_grad") = false);
-  m.def("eye", [](int64_t size, int64_t offset, nb::handle device, nb::handle dtype, nb::handle rg) {
-    return with_requires_grad(eye(size, offset, py::device_arg(device, "eye"), dtype_or_default(dtype, "eye")), rg);
+  m.def("eye", [](int64_t size, int64_t offset, const py::DeviceArg& device, const py::DTypeArg& dtype, nb::handle rg) {
+    return with_requires_grad(eye(size, offset, device.get("eye"), dtype.get_or("eye", default_dtype())), rg);
   }, nb::arg("size"), nb::arg("offset") = 0, arg("device") = 0, arg("dtype") = none, arg("requires_grad") = false);
-  m.def("randu", [](nb::handle shape, double low, double high, nb::handle device, nb::handle dtype, nb::handle rg) {
-    return with_requires_grad(randu(py::shape_arg(shape, "randu"), low, high, py::device_arg(device, "randu"),
-                                    dtype_or_default(dtype, "randu")), rg);
+  m.def("randu", [](const py::Dims& shape, double low, double high, const py::DeviceArg& device,
+                     const py::DTypeArg& dtype, nb::handle rg) {
+    return with_requires_grad(randu(shape.get("randu"), low, high, device.get("randu"),
+                                    dtype.get_or("randu", default_dtype())), rg);
   }, arg("shape"), nb::arg("min") = 0.0, nb::arg("max") = 1.0, arg("device") = 0, arg("dtype") = none,
      arg("requires_grad") = false);
-  m.def("randn", [](nb::handle shape, double mean, double std, nb::handle device, nb::handle dtype, nb::handle rg) {
-    return with_requires_grad(randn(py::shape_arg(shape, "randn"), mean, std, py::device_arg(device, "randn"),
-                                    dtype_or_default(dtype, "randn")), rg);
+  m.def("randn", [](const py::Dims& shape, double mean, double std, const py::DeviceArg& device,
+                     const py::DTypeArg& dtype, nb::handle rg) {
+    return with_requires_grad(randn(shape.get("randn"), mean, std, device.get("randn"),
+                                    dtype.get_or("randn", default_dtype())), rg);
   }, arg("shape"), nb::arg("mean") = 0.0, nb::arg("std") = 1.0, arg("device") = 0, arg("dtype") = none,
      arg("requires_grad") = false);
 

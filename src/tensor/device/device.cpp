@@ -1,6 +1,7 @@
 // Device placement: copies to another device (GPU, CPU), moves in place
 // (toGPU, toCPU), the device tests and getdata.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
@@ -32,8 +33,8 @@ nb::object placed_copy(nb::handle self, int device, bool from_gpu_call, const ch
   return result;
 }
 
-nb::object gpu(nb::handle self, nb::handle device) {
-  int d = py::device_arg(device, "GPU");
+nb::object gpu(nb::handle self, const py::DeviceArg& device) {
+  int d = device.get("GPU");
   if (d < kFirstAccelerator) throw nb::value_error("device should be DEV_GPU_0,DEV_GPU_1,... for GPU");
   return placed_copy(self, d, true, "GPU");
 }
@@ -61,8 +62,8 @@ nb::object move_to_device(nb::handle self, int device) {
 
 namespace {
 
-nb::object to_gpu(nb::handle self, nb::handle device) {
-  int d = py::device_arg(device, "toGPU");
+nb::object to_gpu(nb::handle self, const py::DeviceArg& device) {
+  int d = device.get("toGPU");
   // (sic) "DEV_GPU" for DEV_GPU_0.
   if (d < kFirstAccelerator) throw nb::value_error("device should be DEV_GPU,DEV_GPU_1,... for GPU");
   return move(self, d, "toGPU");
@@ -84,8 +85,8 @@ void init_device(nb::module_&, nb::class_<QTensor>& cls) {
   cls.def("to_gpu", &to_gpu, nb::arg("device").none() = gpu0);
   cls.def("toCPU", &to_cpu);
   cls.def("to_cpu", &to_cpu);
-  cls.def("to_device", [](nb::handle self, nb::handle device) -> nb::object {
-    int d = py::device_arg(device, "to_device");
+  cls.def("to_device", [](nb::handle self, const py::DeviceArg& device) -> nb::object {
+    int d = device.get("to_device");
     if (d == kCpuDevice) return cpu(self);
     if (d >= kFirstAccelerator) return gpu(self, device);
     return nb::none();

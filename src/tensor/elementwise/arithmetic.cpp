@@ -1,5 +1,5 @@
 // add, sub, mul, divide, accumulate and the number protocol of QTensor.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

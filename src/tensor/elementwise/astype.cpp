@@ -1,7 +1,8 @@
 // astype: a copy in another dtype; the gradient goes back to the source's dtype.
 #include <vector>
 
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -22,11 +23,11 @@ const char* astype_label_tail(DType from, DType to) {
 }
 
 // The gradient goes back to the source's dtype as it is when it runs.
-nb::object astype(nb::handle self, nb::handle dtype) {
+nb::object astype(nb::handle self, const py::DTypeArg& dtype) {
   static const Derivatives& derivatives = derivatives_of("astype");
   QTensor& s = as_qtensor(self, "astype");
   const Tensor& source = core_of(s, "astype");
-  DType target = *py::dtype_arg(dtype, "astype");
+  DType target = dtype.get("astype");
   DType from = source.dtype();
   nb::object y = make_result(to_dtype(source, target, true), {self}, derivatives, [&](int, Edge& e) {
     e.label = LazyLabel().id(self).then(astype_label_tail(from, target));

@@ -1,6 +1,7 @@
 // Bringing two operands to one device and one shape, and undoing the
 // expansion in their gradients.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -25,14 +26,14 @@ nb::object expanded(nb::handle t, Tensor data, const Shape& s1, const Shape& s2,
 
 nb::list infer_size_expand(nb::handle sa, nb::handle sb) {
   nb::object a = sa.attr("shape"), b = sb.attr("shape");
-  int64_t dims_a = py::int_arg(sa.attr("ndim"), "infer_size_expand", "ndim");
-  int64_t dims_b = py::int_arg(sb.attr("ndim"), "infer_size_expand", "ndim");
+  int64_t dims_a = py::integer(sa.attr("ndim"), "infer_size_expand", "ndim");
+  int64_t dims_b = py::integer(sb.attr("ndim"), "infer_size_expand", "ndim");
   int64_t ndim = std::max(dims_a, dims_b);
   std::vector<int64_t> sizes(size_t(ndim), 0);
   for (int64_t i = ndim - 1; i >= 0; --i) {
     int64_t offset = ndim - 1 - i, dim_a = dims_a - 1 - offset, dim_b = dims_b - 1 - offset;
-    int64_t size_a = dim_a >= 0 ? py::int_arg(a[dim_a], "infer_size_expand", "a dimension") : 1;
-    int64_t size_b = dim_b >= 0 ? py::int_arg(b[dim_b], "infer_size_expand", "a dimension") : 1;
+    int64_t size_a = dim_a >= 0 ? py::integer(a[dim_a], "infer_size_expand", "a dimension") : 1;
+    int64_t size_b = dim_b >= 0 ? py::integer(b[dim_b], "infer_size_expand", "a dimension") : 1;
     if (size_a != size_b && size_a != 1 && size_b != 1) throw nb::value_error("Can not broadcast.");
     sizes[size_t(i)] = size_a == 1 ? size_b : size_a;
   }

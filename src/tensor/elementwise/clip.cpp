@@ -1,15 +1,16 @@
 // clip: values limited to [min_val, max_val]; the gradient passes inside the bounds.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
 
 namespace {
 
-nb::object clip(nb::handle t, nb::handle min_val, nb::handle max_val) {
+nb::object clip(nb::handle t, const py::Real& min_val, const py::Real& max_val) {
   static const Derivatives& derivatives = derivatives_of("clip");
   const Tensor& x = core_of(t, "clip");
-  double low = py::float_arg(min_val, "clip", "min_val"), high = py::float_arg(max_val, "clip", "max_val");
+  double low = min_val.get("clip", "min_val"), high = max_val.get("clip", "max_val");
   nb::object y = make_result(clamp(x, low, high), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.bounds[0] = low;
     e.derivative.bounds[1] = high;

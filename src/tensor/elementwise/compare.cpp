@@ -1,7 +1,7 @@
 // Comparisons, logic and float classes: no differentiable meaning. The
 // comparisons make no edge at all; the classifications make an edge that
 // carries zeros, so a backward pass reaches their input.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

@@ -1,5 +1,6 @@
 // maximum and minimum of two tensors of one shape; ties share the gradient.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

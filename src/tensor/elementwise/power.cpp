@@ -1,5 +1,6 @@
 // power: element-wise t1 ** t2 with broadcasting, and the power slot of QTensor.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {

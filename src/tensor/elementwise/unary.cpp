@@ -1,6 +1,7 @@
 // One-input functions: rounding, arithmetic, exponentials, trigonometric and
 // hyperbolic functions, and log_softmax.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -75,10 +76,10 @@ nb::object apply_unary(Bound<UnaryRow> op, nb::handle t) {
   return y;
 }
 
-nb::object log_softmax_op(nb::handle t, nb::handle axis) {
+nb::object log_softmax_op(nb::handle t, const py::Axis& axis) {
   static const Derivatives& derivatives = derivatives_of("log_softmax");
   const Tensor& x = core_of(t, "log_softmax");
-  int64_t dim = maybe_wrap_dim(py::int_arg(axis, "log_softmax", "axis"), x.ndim());
+  int64_t dim = maybe_wrap_dim(axis.get("log_softmax"), x.ndim());
   Shape shape = x.shape();
   nb::object y = make_result(log_softmax(x, dim), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.axes = {dim};

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/autograd/toposort.h"
 
 namespace tramel::tensor {
@@ -21,11 +21,6 @@ namespace {
 
 PyObject* g_opnodesinfo = nullptr;
 
-nb::list shape_list(const Tensor& t) {
-  nb::list out;
-  for (int64_t d : t.shape()) out.append(d);
-  return out;
-}
 
 }  // namespace
 
@@ -65,13 +60,13 @@ nb::object make_record(const std::string& opid, const char* opname, std::initial
   for (nb::handle in : inputs) {
     const Tensor& t = core_of(in, "export");
     ids.append(nb::str(id_text(in).c_str()));
-    shapes.append(shape_list(t));
+    shapes.append(py::shape_list(t.shape()));
     dtypes.append(int(t.dtype()));
   }
   const Tensor& y = core_of(output, "export");
   nb::list out_ids, out_shapes, out_dtypes;
   out_ids.append(nb::str(id_text(output).c_str()));
-  out_shapes.append(shape_list(y));
+  out_shapes.append(py::shape_list(y.shape()));
   out_dtypes.append(int(y.dtype()));
   nb::dict kw;
   kw["opid"] = nb::str(opid.c_str());
@@ -96,7 +91,7 @@ void record_constant(nb::handle y, QTensor& fields) {
   Tensor host = data.device() >= kFirstAccelerator ? to_device(data, kCpuDevice, "getdata") : data;
   nb::dict value;
   value["value"] = py::numpy_copy(host, "getdata");
-  value["shape"] = shape_list(data);
+  value["shape"] = py::shape_list(data.shape());
   nb::list attribute;
   attribute.append(value);
   nb::object record = make_record(id_text(y) + "_tensor_init_", "Constant", {y}, y, attribute);

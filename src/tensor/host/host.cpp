@@ -1,5 +1,5 @@
 // Data out to numpy, copies and clones of a tensor, and small dtype helpers.
-#include "bindings/interop.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {

@@ -2,7 +2,8 @@
 // to_tensor make of numbers, nested lists, numpy arrays and core tensors.
 #include <nanobind/stl/string.h>
 
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
@@ -104,6 +105,7 @@ struct NestedList {
           using Stored = std::conditional_t<std::is_same_v<T, bool>, uint8_t, T>;
           std::vector<Stored> buffer(leaves.size());
           write(buffer.data());
+          if (PyErr_Occurred()) throw nb::python_error();  // a number subclass's own __float__ failed
           int64_t strides[kMaxRank];
           for (int i = rank - 1, s = int64_t(sizeof(T)); i >= 0; --i) strides[i] = s, s *= dims[i];
           return from_strided(buffer.data(), src, shape, strides, dtype, device);
@@ -121,7 +123,7 @@ DType list_dtype(DType numpy_dtype) {
 
 bool is_complex_dtype_arg(nb::handle dtype) {
   if (dtype.is_none()) return true;
-  std::optional<DType> d = py::dtype_arg(dtype, "QTensor", true);
+  std::optional<DType> d = py::DTypeArg(dtype).marked("QTensor");
   return d && is_complex(*d);
 }
 
@@ -130,7 +132,7 @@ nb::object core_from_array(nb::handle array, int device, nb::handle dtype, bool 
   DType src;
   if (!py::array_dtype(array, &src)) throw nb::type_error(kUnsupportedArrayType);
   std::optional<DType> target;
-  if (!dtype.is_none()) target = py::dtype_arg(dtype, "QTensor", true);
+  if (!dtype.is_none()) target = py::DTypeArg(dtype).marked("QTensor");
   else if (from_list) target = list_dtype(src);
   return wrap_core(py::tensor_from_array(array, device, target, "QTensor"));
 }
@@ -146,7 +148,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
     int64_t dev = device_of(device, "QTensor");
     auto finish = [&]() -> nb::object {
       if (dtype.is_none()) return nb::borrow(data);
-      DType d = *py::dtype_arg(dtype, "QTensor");
+      DType d = py::DTypeArg(dtype).get("QTensor");
       return d == t.dtype() ? nb::borrow(data) : wrap_core(to_dtype(t, d, true));
     };
     if (dev == t.device()) return finish();
@@ -168,7 +170,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
               "Support CPU device is 0, GPU device is DEV_GPU,DEV_GPU_1,DEV_GPU_2,DEV_GPU_3,...");
   }
 
-  int dev = py::device_arg(device, "QTensor");
+  int dev = py::DeviceArg(device).get("QTensor");
   if (PyObject_TypeCheck(data.ptr(), ndarray_type())) {
     DType src;
     bool known = py::array_dtype(data, &src);
@@ -181,7 +183,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
   NestedList list;
   if (list.read(data.ptr())) {
     DType d = dtype.is_none() ? list_dtype(list.numpy_dtype())
-                              : py::dtype_arg(dtype, "QTensor", true).value_or(list.numpy_dtype());
+                              : py::DTypeArg(dtype).marked("QTensor").value_or(list.numpy_dtype());
     return wrap_core(list.to_tensor(dev, d));
   }
   static nb::handle np_array = imported("numpy", "array");

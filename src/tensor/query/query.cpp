@@ -1,24 +1,20 @@
 // Fills, whole-tensor queries and the read-only views of a tensor.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/qtensor.h"
 
 namespace tramel::tensor {
 
 namespace {
 
-nb::object arg_extremum(nb::handle self, nb::handle dim, nb::handle keepdims, bool max) {
+nb::object arg_extremum(nb::handle self, const py::Axes& dim, nb::handle keepdims, bool max) {
   const char* op = max ? "argmax" : "argmin";
   const Tensor& data = core_of(as_qtensor(self, op), op);
   if (dim.is_none() && keepdims.is_none()) return to_tensor(wrap_core(max ? argmax(data) : argmin(data)));
   if (dim.is_none() || keepdims.is_none())
     throw nb::value_error(max ? "Not valid parameters, use argmax() or argmax(axis,keepdims)."
                               : "Not valid parameters, use argmin() or argmin(axis,keepdims).");
-  std::vector<int64_t> axes;
-  if (PyLong_Check(dim.ptr())) {
-    axes.push_back(py::int_arg(dim, op, "axis"));
-  } else {
-    for (nb::handle a : dim) axes.push_back(py::int_arg(a, op, "axis"));
-  }
+  std::vector<int64_t> axes = dim.get(op, "axis");
   bool keep = truthy(keepdims);
   return to_tensor(wrap_core(max ? argmax(data, axes, keep) : argmin(data, axes, keep)));
 }
@@ -38,12 +34,6 @@ bool is_nonzero(nb::handle t) {
   return tramel::is_nonzero(core_of(q, "is_nonzero"));
 }
 
-nb::list shape_list(const Tensor& t) {
-  nb::list out;
-  for (int64_t d : t.shape()) out.append(d);
-  return out;
-}
-
 nb::object repr(const QTensor& q) {
   static nb::handle set_printoptions = imported("numpy", "set_printoptions");
   static nb::handle array2string = imported("numpy", "array2string");
@@ -59,7 +49,7 @@ nb::object repr(const QTensor& q) {
 
 void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
   // Fills, in place; requires_grad, nodes and grad stay as they are.
-  cls.def("fill_", [](QTensor& q, nb::handle v) { fill_(core_of(q, "fill_"), py::scalar_arg(v, "fill_")); },
+  cls.def("fill_", [](QTensor& q, const py::HostScalar& v) { fill_(core_of(q, "fill_"), v.get("fill_")); },
           nb::arg("v").none());
   cls.def("fill_rand_uniform_with_bound_",
           [](QTensor& q, double lo, double hi) { fill_uniform_(core_of(q, "fill_rand_uniform_withbound_"), lo, hi); },
@@ -75,9 +65,9 @@ void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
           nb::arg("v") = 0.5);
 
   // Reductions to a value or an index; no graph.
-  cls.def("argmax", [](nb::handle self, nb::handle dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, true); },
+  cls.def("argmax", [](nb::handle self, const py::Axes& dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, true); },
           nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
-  cls.def("argmin", [](nb::handle self, nb::handle dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, false); },
+  cls.def("argmin", [](nb::handle self, const py::Axes& dim, nb::handle keepdims) { return arg_extremum(self, dim, keepdims, false); },
           nb::arg("dim").none() = nb::none(), nb::arg("keepdims").none() = nb::none());
   cls.def("all", [](QTensor& q) { return all(core_of(q, "all")); });
   cls.def("any", [](QTensor& q) { return any(core_of(q, "any")); });
@@ -90,7 +80,7 @@ void init_query(nb::module_& m, nb::class_<QTensor>& cls) {
   cls.def_prop_ro("dtype_str", [](const QTensor& q) { return dtype_name(core_of(q, "dtype_str").dtype()); });
   cls.def_prop_ro("ndim", [](const QTensor& q) { return core_of(q, "ndim").ndim(); });
   cls.def("dim", [](const QTensor& q) { return core_of(q, "dim").ndim(); });
-  cls.def_prop_ro("shape", [](const QTensor& q) { return shape_list(core_of(q, "shape")); });
+  cls.def_prop_ro("shape", [](const QTensor& q) { return py::shape_list(core_of(q, "shape").shape()); });
   cls.def_prop_ro("size", &numel);
   cls.def("numel", &numel);
   cls.def_prop_ro("pdata", [](const QTensor& q) { return host_copy(core_of(q, "pdata"), "to_numpy"); });

@@ -1,15 +1,16 @@
 // cumsum: running sums along one axis; the gradient runs them backwards.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
 
 namespace {
 
-nb::object cumsum_op(nb::handle t, nb::handle axis) {
+nb::object cumsum_op(nb::handle t, const py::Axis& axis) {
   static const Derivatives& derivatives = derivatives_of("cumsum");
   const Tensor& x = core_of(t, "cumsum");
-  int64_t a = py::int_arg(axis, "cumsum", "axis");
+  int64_t a = axis.get("cumsum");
   Tensor data = cumsum(x, a);
   Shape shape = data.shape();
   nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {

@@ -1,7 +1,8 @@
 // min and max over all elements or one axis. Their gradient: over all
 // elements tied extremes split the gradient equally, along an axis every tied
 // extreme receives all of it.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -39,13 +40,13 @@ Tensor match_shape(const Tensor& x, const Shape& shape, const Dims& axes) {
   return broadcast_to(reshape(x, kept), shape);
 }
 
-nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::handle t, nb::handle axis,
+nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::handle t, const py::Axis& axis,
                    nb::handle keepdims) {
   QTensor& q = as_qtensor(t, row.name);
   const Tensor& x = core_of(q, row.name);
   Shape shape = x.shape();
   Dims axes;
-  if (!axis.is_none()) axes = {py::int_arg(axis, row.name, "axis")};
+  if (!axis.is_none()) axes = {axis.get(row.name)};
   Tensor data = axis.is_none() ? row.math.all(x) : row.math.along(x, axes.vector(), truthy(keepdims));
   nb::handle requires_grad = q.requires_grad;
   if (row.math.needs_true) requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
@@ -82,24 +83,24 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
     const ExtremeRow* r = &row;
     const Derivatives* d = &derivatives_of(row.name);
     m.def(row.name,
-          [r, d](nb::handle t, nb::handle axis, nb::handle keepdims) { return extreme(*r, *d, t, axis, keepdims); },
+          [r, d](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return extreme(*r, *d, t, axis, keepdims); },
           nb::arg("t").none(), nb::arg("axis").none() = nb::none(), nb::arg("keepdims").none() = false);
     names.append(row.name);
   }
   register_family_names("extremes", names);
-  m.def("_min_max_match_shape", [](nb::handle x, nb::handle shape, nb::handle axis) {
+  m.def("_min_max_match_shape", [](nb::handle x, const py::IntList& shape, const py::Axis& axis) {
     Dims axes;
-    if (!axis.is_none()) axes = {py::int_arg(axis, "_min_max_match_shape", "axis")};
-    return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), py::shape_arg(nb::list(shape), "_min_max_match_shape"), axes));
+    if (!axis.is_none()) axes = {axis.get("_min_max_match_shape")};
+    return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), shape.shape("_min_max_match_shape"), axes));
   }, nb::arg("x").none(), nb::arg("shape").none(), nb::arg("axis").none());
-  m.def("_min_max_grad", [](nb::handle x, nb::handle result, nb::handle inputs, nb::handle axis) {
+  m.def("_min_max_grad", [](nb::handle x, nb::handle result, nb::handle inputs, const py::Axis& axis) {
     // The same computation as an edge of min/max, on core tensors given
     // directly; a float result becomes a core tensor on the inputs' device.
     nb::object value = PyFloat_Check(result.ptr())
                            ? nb::handle(core_tensor_type())(result, as_core(inputs, "_min_max_grad").device())
                            : nb::borrow(result);
     Dims axes;
-    if (!axis.is_none()) axes = {py::int_arg(axis, "_min_max_grad", "axis")};
+    if (!axis.is_none()) axes = {axis.get("_min_max_grad")};
     return wrap_core(min_max_grad(as_core(x, "_min_max_grad"), as_core(inputs, "_min_max_grad"),
                                   as_core(value, "_min_max_grad"), axes));
   }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());

@@ -1,7 +1,8 @@
 // std and var, differentiable, and median, which is not. The gradients of
 // std and var are written with the module's own mean and QTensor arithmetic,
 // then finished in place on the core tensor of that arithmetic's result.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -76,14 +77,14 @@ const SpreadRow kSpread[] = {
     {"var", {&tramel::var, &tramel::var}, {"Var", "_var_"}},
 };
 
-nb::object spread(const SpreadRow& row, const Derivatives& derivatives, nb::handle t, nb::handle axis,
-                  nb::handle keepdims, nb::handle unbiased) {
+nb::object std_or_var(const SpreadRow& row, const Derivatives& derivatives, nb::handle t, const py::Axis& axis,
+                      nb::handle keepdims, nb::handle unbiased) {
   const Tensor& x = core_of(t, row.name);
   // The core gets unbiased as Python truth; the gradients divide by n - 1
   // only for the object True.
   bool core_unbiased = truthy(unbiased);
   Dims axes;
-  if (!axis.is_none()) axes = {py::int_arg(axis, row.name, "axis")};
+  if (!axis.is_none()) axes = {axis.get(row.name)};
   Tensor data = axis.is_none() ? row.math.all(x, core_unbiased)
                                : row.math.along(x, axes.vector(), truthy(keepdims), core_unbiased);
   nb::object y = make_result(std::move(data), {t}, derivatives, [&](int, Edge& e) {
@@ -96,12 +97,12 @@ nb::object spread(const SpreadRow& row, const Derivatives& derivatives, nb::hand
   return y;
 }
 
-nb::object median_op(nb::handle t, nb::handle axis, nb::handle keepdims) {
+nb::object median_op(nb::handle t, const py::Axis& axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "median");
   const Tensor& x = core_of(q, "median");
   if (axis.is_none())
     return make_leaf_result(median(x), {t}, {is_true(q.requires_grad) ? Py_True : Py_False, q.device});
-  return make_leaf_result(median(x, {py::int_arg(axis, "median", "axis")}, truthy(keepdims)), {t},
+  return make_leaf_result(median(x, {axis.get("median")}, truthy(keepdims)), {t},
                           {q.requires_grad, nb::handle()});
 }
 
@@ -126,8 +127,8 @@ void init_spread(nb::module_& m, nb::class_<QTensor>&) {
     const SpreadRow* r = &row;
     const Derivatives* d = &derivatives_of(row.name);
     m.def(row.name,
-          [r, d](nb::handle t, nb::handle axis, nb::handle keepdims, nb::handle unbiased) {
-            return spread(*r, *d, t, axis, keepdims, unbiased);
+          [r, d](nb::handle t, const py::Axis& axis, nb::handle keepdims, nb::handle unbiased) {
+            return std_or_var(*r, *d, t, axis, keepdims, unbiased);
           },
           arg("t"), arg("axis") = nb::none(), arg("keepdims") = false, arg("unbiased") = true);
     names.append(row.name);
@@ -136,24 +137,24 @@ void init_spread(nb::module_& m, nb::class_<QTensor>&) {
   m.def("median", &median_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
 
   // The gradient helpers, callable on their own.
-  m.def("var_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
-    auto [data, n] = var_match_shape(as_core(x, "var_match_shape"), py::shape_arg(nb::list(shape), "var_match_shape"), axis);
+  m.def("var_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
+    auto [data, n] = var_match_shape(as_core(x, "var_match_shape"), shape.shape("var_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(data)), n);
   }, arg("x"), arg("shape"), nb::arg("axis"));
   m.def("_std_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle data, nb::handle unbiased) {
     return wrap_core(std_grad_withoutaxis(as_core(g, "std"), t, as_core(data, "std"), unbiased_arg(unbiased)));
   }, arg("g"), arg("t"), arg("data"), arg("unbiased"));
-  m.def("_std_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle data, nb::handle t_shape, int64_t axis,
-                                 nb::handle, nb::handle unbiased) {
-    return wrap_core(std_grad_withaxis(as_core(x, "std"), t, as_core(data, "std"),
-                                       py::shape_arg(nb::list(t_shape), "std"), axis, unbiased_arg(unbiased)));
+  m.def("_std_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle data, const py::IntList& t_shape,
+                                 int64_t axis, nb::handle, nb::handle unbiased) {
+    return wrap_core(std_grad_withaxis(as_core(x, "std"), t, as_core(data, "std"), t_shape.shape("std", "t_shape"),
+                                       axis, unbiased_arg(unbiased)));
   }, arg("x"), arg("t"), arg("data"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
   m.def("_var_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle unbiased) {
     return wrap_core(var_grad_withoutaxis(as_core(g, "var"), t, unbiased_arg(unbiased)));
   }, arg("g"), arg("t"), arg("unbiased"));
-  m.def("_var_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle t_shape, int64_t axis, nb::handle,
+  m.def("_var_grad_withaxis", [](nb::handle x, nb::handle t, const py::IntList& t_shape, int64_t axis, nb::handle,
                                  nb::handle unbiased) {
-    return wrap_core(var_grad_withaxis(as_core(x, "var"), t, py::shape_arg(nb::list(t_shape), "var"), axis,
+    return wrap_core(var_grad_withaxis(as_core(x, "var"), t, t_shape.shape("var", "t_shape"), axis,
                                        unbiased_arg(unbiased)));
   }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
 }

@@ -1,6 +1,7 @@
 // sums and mean, with the axis helpers that every axis-taking operator uses.
 // Their gradients spread the reduced gradient back over the input's shape.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -22,28 +23,22 @@ int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze
   return dim;
 }
 
-// Axes as Python gives them; a bool is the int it is (True is axis 1).
-std::vector<int64_t> int_list(nb::handle axes, const char* op) {
-  std::vector<int64_t> out;
-  for (nb::handle a : axes) out.push_back(PyBool_Check(a.ptr()) ? int64_t(a.ptr() == Py_True) : py::int_arg(a, op, "axis"));
-  return out;
-}
-
-nb::object sums(nb::handle t, nb::handle axis, nb::handle keepdims) {
+nb::object sums(nb::handle t, const py::Axes& axis, nb::handle keepdims) {
   static const Derivatives& over_all = derivatives_of("sums");
   static const Derivatives& along_axes = derivatives_of("sums along axes");
   QTensor& q = as_qtensor(t, "sums");
   const Tensor& x = core_of(q, "sums");
   Shape shape = x.shape();
-  // An int axis becomes a one-element list before anything else sees it.
+  // An int axis becomes a one-element list before anything else sees it; a
+  // bool is the int it is (True is axis 1).
   nb::object axes_given = nb::borrow(axis);
-  if (PyLong_Check(axis.ptr())) {
+  if (!axis.is_none() && axis.alone()) {
     nb::list one;
     one.append(axis);
     axes_given = one;
   }
   std::vector<int64_t> axes;
-  if (!axis.is_none()) axes = int_list(axes_given, "sums");
+  if (!axis.is_none()) axes = axis.get("sums", "axis", py::Bools::Counted);
   Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
   nb::object y = make_result(std::move(data), {t}, axis.is_none() ? over_all : along_axes, [&](int, Edge& e) {
     e.derivative.axes = Dims(axes);
@@ -91,7 +86,7 @@ nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims) {
     nb::handle requires_grad = is_true(q.requires_grad) ? Py_True : Py_False;
     y = make_result(mean(x), {t}, derivatives, name, {requires_grad, q.device});
   } else {
-    int64_t a = py::int_arg(axis, "mean", "axis");
+    int64_t a = py::integer(axis, "mean", "axis");
     y = make_result(mean(x, {a}, truthy(keepdims)), {t}, derivatives, [&](int i, Edge& e) {
       e.derivative.axes = {a};
       name(i, e);
@@ -108,9 +103,10 @@ int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim) { return wrap_dim(di
 void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("mean", &mean_of, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("_mean_match_shape", [](nb::handle x, nb::handle shape, int64_t axis) {
-    auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), py::shape_arg(nb::list(shape), "_mean_match_shape"), axis);
+  m.def("mean", [](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return mean_of(t, axis, keepdims); },
+        arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("_mean_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
+    auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), shape.shape("_mean_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(grad)), n);
   }, arg("x"), arg("shape"), nb::arg("axis"));
   m.def("maybe_wrap_dim", [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, false); },
@@ -118,9 +114,9 @@ void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
   m.def("maybe_wrap_dim_unsqueeze",
         [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, true); }, nb::arg("dim"),
         nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
-  m.def("_helper_func_parse_dims", [](nb::handle dims, int64_t ndim) {
+  m.def("_helper_func_parse_dims", [](const py::IntList& dims, int64_t ndim) {
     nb::list out;
-    for (nb::handle d : dims) out.append(wrap_dim(py::int_arg(d, "_helper_func_parse_dims", "axis"), ndim, true, false));
+    for (int64_t d : dims.get("_helper_func_parse_dims", "axis")) out.append(wrap_dim(d, ndim, true, false));
     return out;
   }, arg("dim"), nb::arg("ndim"));
   m.def("_helper_func_fill_dims", [](int64_t dim1, int64_t dim2, int64_t ndim) {

@@ -3,7 +3,8 @@
 // gradient; the in-place methods take no part in the graph.
 #include <algorithm>
 
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -15,12 +16,6 @@ namespace {
   throw nb::python_error();
 }
 
-std::vector<int64_t> ints(nb::handle seq, const char* op) {
-  std::vector<int64_t> out;
-  for (nb::handle v : seq) out.push_back(py::int_arg(v, op, "dimension"));
-  return out;
-}
-
 // Refuses anything but a list (or None) the way a typed argument would.
 void require_list(nb::handle value, const char* name) {
   if (value.is_none() || PyList_Check(value.ptr())) return;
@@ -29,11 +24,11 @@ void require_list(nb::handle value, const char* name) {
                            .c_str());
 }
 
-nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
+nb::object reshaped(nb::handle t, const py::IntList& shape, bool method) {
   static const Derivatives& derivatives = derivatives_of("reshape");
   QTensor& q = as_qtensor(t, "reshape");
   const Tensor& x = core_of(q, "reshape");
-  std::vector<int64_t> dims = ints(shape, "reshape");
+  std::vector<int64_t> dims = shape.get("reshape", "shape");
   Tensor data = reshape(x, dims);
   Shape new_shape = data.shape();
   // A list of the new sizes prints as the new shape does: that label can wait.
@@ -47,10 +42,9 @@ nb::object reshaped(nb::handle t, nb::handle shape, bool method) {
 }
 
 // QTensor.reshape's own checks, as assertions.
-void check_reshape(const QTensor& q, nb::handle new_shape) {
+void check_reshape(const QTensor& q, const py::IntList& new_shape) {
   int64_t size = 1;
-  for (nb::handle d : new_shape) {
-    int64_t v = py::int_arg(d, "reshape", "dimension");
+  for (int64_t v : new_shape.get("reshape", "shape")) {
     if (v < 0) assertion("dim should > 0");
     size *= v;
   }
@@ -74,11 +68,11 @@ nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
   return y;
 }
 
-nb::object swapaxis_op(nb::handle t, nb::handle axis1, nb::handle axis2) {
+nb::object swapaxis_op(nb::handle t, const py::Axis& axis1, const py::Axis& axis2) {
   static const Derivatives& derivatives = derivatives_of("swapaxis");
   const Tensor& x = core_of(t, "swapaxis");
   Shape shape = x.shape();
-  int64_t a1 = py::int_arg(axis1, "swapaxis", "axis1"), a2 = py::int_arg(axis2, "swapaxis", "axis2");
+  int64_t a1 = axis1.get("swapaxis", "axis1"), a2 = axis2.get("swapaxis", "axis2");
   nb::object y = make_result(swapaxis(x, a1, a2), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.axes = {a1, a2};
     e.label = LazyLabel("swapaxis of tensor ").shape(shape);
@@ -87,10 +81,10 @@ nb::object swapaxis_op(nb::handle t, nb::handle axis1, nb::handle axis2) {
   return y;
 }
 
-nb::object transposed(nb::handle t, nb::handle dim) {
+nb::object transposed(nb::handle t, const py::IntList& dim) {
   static const Derivatives& derivatives = derivatives_of("transpose");
   const Tensor& x = core_of(t, "transpose");
-  std::vector<int64_t> dims = ints(dim, "transpose");
+  std::vector<int64_t> dims = dim.get("transpose", "dim");
   nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.axes = Dims(dims);
     // (sic) "tranpose", here and in the link: labels kept as users know them.
@@ -115,7 +109,7 @@ void check_dims(const QTensor& q, nb::handle new_dims) {
   if (PyList_GET_SIZE(new_dims.ptr()) < ndim) assertion("second para dim not equal to tensor shape");
   std::vector<bool> seen(size_t(ndim), false);
   for (int i = 0; i < ndim; ++i) {
-    int64_t d = maybe_wrap_dim(py::int_arg(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
+    int64_t d = maybe_wrap_dim(py::integer(PyList_GET_ITEM(new_dims.ptr(), i), "transpose", "axis"), ndim);
     // (sic) the trailing space.
     if (seen[size_t(d)]) assertion("repeat dim in second para is not valid ");
     seen[size_t(d)] = true;
@@ -140,36 +134,37 @@ std::vector<int64_t> inverse_permutation(const Dims& dims) {
 
 void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("reshape", [](nb::handle t, nb::handle shape) { return reshaped(t, shape, false); }, arg("t"), arg("shape"));
+  m.def("reshape", [](nb::handle t, const py::IntList& shape) { return reshaped(t, shape, false); }, arg("t"),
+        arg("shape"));
   m.def("flatten", [](nb::handle t, int64_t start, int64_t end) { return flattened(t, start, end, false); }, arg("t"),
         nb::arg("start") = 0, nb::arg("end") = -1);
   m.def("swapaxis", &swapaxis_op, arg("t"), arg("axis1"), arg("axis2"));
   m.def("transpose", &transposed, arg("t"), arg("dim"));
-  m.def("permute", [](nb::handle t, nb::handle dim) {
+  m.def("permute", [](nb::handle t, const py::IntList& dim) {
     require_list(dim, "dim");
     return transposed(t, dim);
   }, arg("t"), arg("dim"));
 
-  cls.def("reshape", [](nb::handle self, nb::handle new_shape) {
+  cls.def("reshape", [](nb::handle self, const py::IntList& new_shape) {
     check_reshape(as_qtensor(self, "reshape"), new_shape);
     return reshaped(self, new_shape, true);
   }, arg("new_shape"));
-  cls.def("reshape_", [](nb::handle self, nb::handle new_shape) {
+  cls.def("reshape_", [](nb::handle self, const py::IntList& new_shape) {
     QTensor& q = as_qtensor(self, "reshape_");
     Tensor& x = core_of(q, "reshape_");
     if (PyList_Check(new_shape.ptr())) {
-      std::vector<int64_t> dims = ints(new_shape, "reshape_");
+      std::vector<int64_t> dims = new_shape.get("reshape_", "new_shape");
       if (dims.size() == size_t(x.ndim()) && std::equal(dims.begin(), dims.end(), x.shape().begin())) return;
     }
     if (!PyList_Check(new_shape.ptr()) && !PyTuple_Check(new_shape.ptr()))
       assertion("second para should be list or tuple");
     check_reshape(q, new_shape);
-    x.assign(reshape(x, ints(new_shape, "reshape_")));
+    x.assign(reshape(x, new_shape.get("reshape_", "new_shape")));
   }, arg("new_shape"));
-  cls.def("unsqueeze", &unsqueeze_op, arg("axis"));
+  cls.def("unsqueeze", [](nb::handle self, const py::Axis& axis) { return unsqueeze_op(self, axis); }, arg("axis"));
   cls.def("flatten", [](nb::handle self, int64_t start, int64_t end) { return flattened(self, start, end, true); },
           nb::arg("start") = 0, nb::arg("end") = -1);
-  cls.def("transpose", [](nb::handle self, nb::handle new_dims) -> nb::object {
+  cls.def("transpose", [](nb::handle self, const py::IntList& new_dims) -> nb::object {
     QTensor& q = as_qtensor(self, "transpose");
     if (!new_dims.is_none()) {
       check_dims(q, new_dims);
@@ -177,19 +172,19 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
     }
     // All axes reversed: a new leaf, cut off from the graph.
     const Tensor& x = core_of(q, "transpose");
-    nb::object result = to_tensor(wrap_core(transpose(x, ints(reversed_axes(x.ndim()), "transpose"))));
+    nb::object result = to_tensor(wrap_core(transpose(x, py::IntList(reversed_axes(x.ndim())).get("transpose", "dims"))));
     if (is_true(q.requires_grad)) {
       as_qtensor(result, "transpose").requires_grad = nb::borrow(Py_True);
       zero_grad(result);
     }
     return result;
   }, arg("new_dims") = nb::none());
-  cls.def("transpose_", [](nb::handle self, nb::handle new_dims) {
+  cls.def("transpose_", [](nb::handle self, const py::IntList& new_dims) {
     QTensor& q = as_qtensor(self, "transpose_");
     Tensor& x = core_of(q, "transpose_");
     nb::object dims = new_dims.is_none() ? nb::object(reversed_axes(x.ndim())) : nb::borrow(new_dims);
     if (!new_dims.is_none()) check_dims(q, new_dims);
-    x.assign(transpose(x, ints(dims, "transpose_")));
+    x.assign(transpose(x, py::IntList(dims).get("transpose_", "new_dims")));
   }, arg("new_dims") = nb::none());
 }
 

@@ -1,17 +1,12 @@
 // tile, squeeze, unsqueeze, broadcast_to and flip: single-input operators
 // that repeat, drop or add axes, expand, or reverse.
-#include "bindings/interop.h"
+#include "interop/args.h"
+#include "interop/interop.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
 
 namespace {
-
-std::vector<int64_t> ints(nb::handle seq, const char* op) {
-  std::vector<int64_t> out;
-  for (nb::handle v : seq) out.push_back(py::int_arg(v, op, "value"));
-  return out;
-}
 
 // A form-C record with a link labelled `link` and {key: value}.
 template <typename Value>
@@ -25,14 +20,14 @@ void record_appended(nb::handle t, nb::handle y, const char* opname, const char*
   });
 }
 
-nb::object tile_op(nb::handle t, nb::handle reps) {
+nb::object tile_op(nb::handle t, const py::IntList& reps) {
   if (!reps.is_none() && !PyList_Check(reps.ptr()))
     throw nb::type_error(("Argument 'reps' has incorrect type (expected list, got " +
                           std::string(nb::type_name(reps.type()).c_str()) + ")")
                              .c_str());
   static const Derivatives& derivatives = derivatives_of("tile");
   const Tensor& x = core_of(t, "tile");
-  std::vector<int64_t> repeats = ints(reps, "tile");
+  std::vector<int64_t> repeats = reps.get("tile", "reps");
   Shape shape = x.shape();
   nb::object y = make_result(tile(x, repeats), {t}, derivatives, [&](int, Edge& e) {
     e.derivative.axes = Dims(repeats);
@@ -42,7 +37,7 @@ nb::object tile_op(nb::handle t, nb::handle reps) {
   return y;
 }
 
-nb::object squeeze_op(nb::handle t, nb::handle axis) {
+nb::object squeeze_op(nb::handle t, const py::Axes& axis) {
   static const Derivatives& derivatives = derivatives_of("squeeze");
   const Tensor& x = core_of(t, "squeeze");
   int ndim = x.ndim();
@@ -51,15 +46,14 @@ nb::object squeeze_op(nb::handle t, nb::handle axis) {
   if (axis.is_none()) {
     data = squeeze(x);
   } else if (PyLong_Check(axis.ptr())) {
-    int64_t a = PyBool_Check(axis.ptr()) ? int64_t(axis.ptr() == Py_True) : py::int_arg(axis, "squeeze", "axis");
-    int64_t w = maybe_wrap_dim(a, ndim);
+    int64_t w = maybe_wrap_dim(axis.get("squeeze", "axis", py::Bools::CountedAlone)[0], ndim);
     wrap_axis = nb::int_(w);
     data = squeeze(x, {w});
   } else if (PyList_Check(axis.ptr()) || PyTuple_Check(axis.ptr())) {
     nb::list wrapped;
     std::vector<int64_t> axes;
-    for (nb::handle a : axis) {
-      axes.push_back(maybe_wrap_dim(py::int_arg(a, "squeeze", "axis"), ndim));
+    for (int64_t a : axis.get("squeeze", "axis", py::Bools::CountedAlone)) {
+      axes.push_back(maybe_wrap_dim(a, ndim));
       wrapped.append(axes.back());
     }
     wrap_axis = wrapped;
@@ -79,7 +73,7 @@ nb::object squeeze_op(nb::handle t, nb::handle axis) {
 nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
   static const Derivatives& derivatives = derivatives_of("unsqueeze");
   const Tensor& x = core_of(t, "unsqueeze");
-  int64_t a = py::int_arg(axis, "unsqueeze", "axis");
+  int64_t a = py::integer(axis, "unsqueeze", "axis");
   int64_t w = maybe_wrap_dim_unsqueeze(a, x.ndim());
   Shape shape = x.shape();
   nb::object y = make_result(unsqueeze(x, w), {t}, derivatives, [&](int, Edge& e) {
@@ -92,12 +86,11 @@ nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
 
 namespace {
 
-nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
+nb::object broadcast_to_op(nb::handle t, const py::IntList& ref) {
   static const Derivatives& derivatives = derivatives_of("broadcast_to");
   const Tensor& x = core_of(t, "broadcast_to");
   Shape shape = x.shape();
-  std::vector<int64_t> dims = ints(ref, "broadcast_to");
-  Shape target(dims.data(), int(dims.size()), "broadcast_to");
+  Shape target = ref.shape("broadcast_to", "ref");
   nb::object y = make_result(broadcast_to(x, target), {t}, derivatives, [&](int, Edge& e) {
     e.label = LazyLabel::formatted("A grad " + shape.str() + " broadcast_to " + py_text(ref));
   });
@@ -109,10 +102,10 @@ nb::object broadcast_to_op(nb::handle t, nb::handle ref) {
   return y;
 }
 
-nb::object flip_op(nb::handle t, nb::handle flip_dims) {
+nb::object flip_op(nb::handle t, const py::Axes& flip_dims) {
   static const Derivatives& derivatives = derivatives_of("flip");
   const Tensor& x = core_of(t, "flip");
-  std::vector<int64_t> dims = ints(flip_dims, "flip");
+  std::vector<int64_t> dims = flip_dims.get("flip", "flip_dims");
   for (int64_t d : dims) maybe_wrap_dim(d, x.ndim());  // a check only: the core takes them as given
   Tensor data = flip(x, dims);
   Shape shape = data.shape();
@@ -131,7 +124,8 @@ void init_tile(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("tile", &tile_op, arg("t"), arg("reps"));
   m.def("squeeze", &squeeze_op, arg("t"), arg("axis") = nb::none());
-  m.def("unsqueeze", &unsqueeze_op, arg("t"), arg("axis") = 0);
+  m.def("unsqueeze", [](nb::handle t, const py::Axis& axis) { return unsqueeze_op(t, axis); }, arg("t"),
+        arg("axis") = 0);
   m.def("broadcast_to", &broadcast_to_op, arg("t"), arg("ref"));
   m.def("flip", &flip_op, arg("t"), arg("flip_dims"));
 }

@@ -1,4 +1,4 @@
-#include "bindings/interop.h"
+#include "interop/interop.h"
 
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
@@ -62,40 +62,16 @@ void set_python_error_from_current_exception() noexcept {
   }
 }
 
-int64_t int_arg(nb::handle value, const char* op, const char* what) {
-  if (PyBool_Check(value.ptr()) || !PyIndex_Check(value.ptr()))
-    fail(ErrorKind::Type, op,
-         std::string(what) + " must be an integer, got " + nb::type_name(value.type()).c_str());
-  int overflow = 0;
-  nb::object index = nb::steal(PyNumber_Index(value.ptr()));
-  long long v = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
-  if (overflow) fail(ErrorKind::Value, op, std::string(what) + " does not fit in 64 bits");
-  return v;
-}
-
-std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what) {
-  if (PyIndex_Check(value.ptr()) && !PyBool_Check(value.ptr()) && !nb::hasattr(value, "__len__"))
-    return {int_arg(value, op, what)};
-  if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr()))
-    fail(ErrorKind::Type, op,
-         std::string(what) + " must be an integer or a sequence of integers, got " + nb::type_name(value.type()).c_str());
-  nb::object seq = nb::steal(PySequence_Fast(value.ptr(), what));
-  if (!seq.is_valid()) nb::raise_python_error();
-  Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-  PyObject** items = PySequence_Fast_ITEMS(seq.ptr());
-  std::vector<int64_t> out(static_cast<size_t>(n));
-  for (Py_ssize_t i = 0; i < n; ++i) out[size_t(i)] = int_arg(items[i], op, what);
-  return out;
-}
-
-double float_arg(nb::handle value, const char* op, const char* what) {
-  double v = PyFloat_AsDouble(value.ptr());
-  if (v == -1.0 && PyErr_Occurred()) {
-    PyErr_Clear();
-    fail(ErrorKind::Type, op,
-         std::string(what) + " must be a real number, got " + nb::type_name(value.type()).c_str());
+nb::list shape_list(const Shape& shape) {
+  PyObject* list = PyList_New(shape.rank());
+  if (!list) throw nb::python_error();
+  nb::list out = nb::steal<nb::list>(list);
+  for (int i = 0; i < shape.rank(); ++i) {
+    PyObject* d = PyLong_FromLongLong(shape[i]);
+    if (!d) throw nb::python_error();
+    PyList_SET_ITEM(out.ptr(), i, d);
   }
-  return v;
+  return out;
 }
 
 namespace {
@@ -134,61 +110,6 @@ nb::dlpack::dtype dlpack_dtype(DType dtype) {
 using AnyArray = nb::ndarray<nb::ro, nb::device::cpu>;
 
 }  // namespace
-
-std::optional<DType> dtype_arg(nb::handle value, const char* op, bool allow_marker) {
-  int64_t v = int_arg(value, op, "dtype");
-  if (allow_marker && v == -1) return std::nullopt;
-  if (!is_valid_dtype(int(v))) fail(ErrorKind::Value, op, "unknown dtype " + std::to_string(v));
-  return DType(v);
-}
-
-Shape shape_arg(nb::handle value, const char* op) {
-  if (!PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr()))
-    fail(ErrorKind::Type, op,
-         std::string("shape must be a list or tuple of ints, got ") + nb::type_name(value.type()).c_str());
-  nb::object seq = nb::steal(PySequence_Fast(value.ptr(), "shape"));
-  Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-  if (n > kMaxRank)
-    fail(ErrorKind::Value, op, "rank " + std::to_string(n) + " exceeds the largest supported rank " +
-                                   std::to_string(kMaxRank));
-  int64_t dims[kMaxRank];
-  PyObject** items = PySequence_Fast_ITEMS(seq.ptr());
-  for (Py_ssize_t i = 0; i < n; ++i) dims[i] = int_arg(items[i], op, "a dimension");
-  return Shape(dims, int(n), op);
-}
-
-Scalar scalar_arg(nb::handle value, const char* op) {
-  PyObject* o = value.ptr();
-  if (PyBool_Check(o)) return Scalar::from_bool(o == Py_True);
-  if (PyLong_Check(o)) {
-    int overflow = 0;
-    long long v = PyLong_AsLongLongAndOverflow(o, &overflow);
-    if (!overflow) return Scalar::from_int(v);
-    return Scalar::from_double(PyLong_AsDouble(o));
-  }
-  if (PyFloat_Check(o)) return Scalar::from_double(PyFloat_AS_DOUBLE(o));
-  if (PyComplex_Check(o)) return Scalar::from_complex(PyComplex_RealAsDouble(o), PyComplex_ImagAsDouble(o));
-  // numpy scalars and other number-likes.
-  if (PyIndex_Check(o)) return Scalar::from_int(int_arg(value, op, "value"));
-  if (nb::hasattr(value, "dtype") && nb::hasattr(value, "imag")) {
-    nb::object kind = value.attr("dtype").attr("kind");
-    if (nb::cast<std::string>(kind) == "c")
-      return Scalar::from_complex(nb::cast<double>(value.attr("real")), nb::cast<double>(value.attr("imag")));
-    if (nb::cast<std::string>(kind) == "b") return Scalar::from_bool(PyObject_IsTrue(o));
-  }
-  double d = PyFloat_AsDouble(o);
-  if (d == -1.0 && PyErr_Occurred()) {
-    PyErr_Clear();
-    fail(ErrorKind::Type, op, std::string("expected a number, got ") + nb::type_name(value.type()).c_str());
-  }
-  return Scalar::from_double(d);
-}
-
-int device_arg(nb::handle value, const char* op) {
-  int64_t d = int_arg(value, op, "device");
-  if (d < INT32_MIN || d > INT32_MAX) fail(ErrorKind::Value, op, "device " + std::to_string(d) + " is out of range");
-  return int(d);
-}
 
 bool array_dtype(nb::handle array, DType* out) {
   AnyArray arr;

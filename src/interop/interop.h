@@ -1,5 +1,6 @@
 // Conversions between Python values and engine types, shared by both
-// extension modules (compiled into each).
+// extension modules (compiled into each): engine errors as Python exceptions,
+// numpy arrays and DLPack capsules. Arguments are read by interop/args.h.
 #pragma once
 #include <nanobind/nanobind.h>
 
@@ -19,19 +20,8 @@ void register_error_translator();
 // nanobind's dispatch does not wrap. Call from a catch block.
 void set_python_error_from_current_exception() noexcept;
 
-// A dtype constant; with `allow_marker`, -1 gives std::nullopt ("the array's own type").
-std::optional<DType> dtype_arg(nb::handle value, const char* op, bool allow_marker = false);
-// A list or tuple of ints.
-Shape shape_arg(nb::handle value, const char* op);
-// A host number: bool, int, float or complex (numpy scalars included).
-Scalar scalar_arg(nb::handle value, const char* op);
-int device_arg(nb::handle value, const char* op);
-// A Python integer (not bool); `what` names it in the error.
-int64_t int_arg(nb::handle value, const char* op, const char* what);
-// A real Python number (int, float, numpy scalar).
-double float_arg(nb::handle value, const char* op, const char* what);
-// One integer, or a sequence of them (list, tuple, numpy integer array).
-std::vector<int64_t> ints_arg(nb::handle value, const char* op, const char* what);
+// A shape as Python shows it: a new list of ints.
+nb::list shape_list(const Shape& shape);
 
 // Kernels on at least this many elements run without the GIL.
 constexpr int64_t kUnlockElements = int64_t(1) << 16;
