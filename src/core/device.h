@@ -14,17 +14,7 @@ namespace tramel {
 constexpr int kCpuDevice = 0;
 constexpr int kFirstAccelerator = 1000;
 
-class Backend {
- public:
-  virtual ~Backend() = default;
-  virtual const char* name() const = 0;
-  // Whether the CPU kernels may run on this backend's memory.
-  virtual bool host_addressable() const = 0;
-  virtual void* allocate(size_t nbytes) = 0;
-  virtual void deallocate(void* ptr, size_t nbytes) = 0;
-  // Copies between this backend's memory and host memory (either direction).
-  virtual void copy(void* dst, const void* src, size_t nbytes) = 0;
-};
+class Backend;  // backend.h
 
 // The backend serving `device`; fails with "[op] device N is not available ..."
 // when nothing serves it.
@@ -32,7 +22,8 @@ Backend& backend_for(int device, const char* op);
 bool device_available(int device);
 int emulated_accelerator_count();
 
-// Fails unless the CPU kernels can run on `device`'s memory.
+// Fails with "[op] not available on device N" unless host code may address
+// `device`'s memory; for interfaces that hand host pointers out (DLPack).
 void require_host_addressable(int device, const char* op);
 
 }  // namespace tramel
