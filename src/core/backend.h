@@ -22,6 +22,17 @@
 // accelerators (devices 1000..1000+N-1). Both fill their tables with the host
 // kernels (host_kernels()), since both keep elements in host memory.
 //
+// The emulated accelerators are strict, so that a test on device 1000 shows
+// that an operation really went through its device's table:
+//  - their memory is not host-addressable (host_addressable() is false), so
+//    nothing that hands out host pointers (DLPack) accepts it, and their
+//    buffers never share an allocation with the Storage header;
+//  - their table holds counting wrappers around the host kernels, so a test
+//    can see which kernels ran and can empty one slot for a while;
+//  - every buffer is followed by guard bytes of a fixed pattern, checked
+//    when it is freed (and on request); a damaged guard is counted and
+//    reported on stderr. See backend/emulated.h.
+//
 // Copies between devices are backend calls (copy_bytes below), not kernels:
 // a backend moves bytes to and from host memory and between its own devices.
 // Dtype conversion on a device is a kernel (convert).

@@ -3,9 +3,10 @@
 // Device 0 is the processor. Devices 1000 and up are accelerators. The registry
 // always holds the CPU backend; PYTRAMEL_EMULATED_ACCELERATORS=N (read once, when
 // the engine is loaded) adds an emulated accelerator backend serving devices
-// 1000..1000+N-1 from host memory. Emulated devices exist so that every device
-// rule can be tested without a GPU: their memory is host memory, but they are
-// distinct devices and operations that mix devices fail as on a real GPU.
+// 1000..1000+N-1. Emulated devices exist so that every device rule can be
+// tested without a GPU: their memory is host memory, but they are distinct
+// devices, operations that mix devices fail as on a real GPU, and the engine
+// treats their memory as a GPU's (Note [backend seam] in backend.h).
 #pragma once
 #include <cstddef>
 

@@ -1,5 +1,4 @@
-// Backends whose memory is host memory: the processor (device 0) and the
-// emulated accelerators (see device.h); the table of host kernels.
+// The processor's backend (device 0) and the table of host kernels.
 #include <sys/mman.h>
 
 #include <cstdlib>
@@ -94,7 +93,7 @@ class BlockCache {
 
 class HostBackend : public Backend {
  public:
-  explicit HostBackend(const char* name) : Backend(name, true) { kernels_ = host_kernels(); }
+  HostBackend() : Backend("cpu", true) { kernels_ = host_kernels(); }
   void* allocate(size_t nbytes, int) override {
     if (nbytes >= kLargeBytes) return cache_->take(nbytes);
     size_t rounded = (nbytes + kAlignment - 1) / kAlignment * kAlignment;
@@ -136,15 +135,10 @@ const Kernels& host_kernels() {
   return table;
 }
 
-// Never destroyed, like the cache: tensors may be freed while the process exits.
 Backend& cpu_backend() {
-  static HostBackend* cpu = new HostBackend("cpu");
+  // Never destroyed, like the cache: tensors may be freed while the process exits.
+  static HostBackend* cpu = new HostBackend();
   return *cpu;
-}
-
-Backend& emulated_backend() {
-  static HostBackend* emulated = new HostBackend("emulated accelerator");
-  return *emulated;
 }
 
 }  // namespace tramel

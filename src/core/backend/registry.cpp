@@ -6,11 +6,11 @@
 #include <string>
 
 #include "core/backend.h"
+#include "core/backend/emulated.h"
 
 namespace tramel {
 
-Backend& cpu_backend();       // host.cpp
-Backend& emulated_backend();  // host.cpp
+Backend& cpu_backend();  // host.cpp
 
 namespace {
 
@@ -27,7 +27,7 @@ class Registry {
  public:
   Registry() : cpu_(&cpu_backend()), emulated_count_(read_emulated_count()) {
     add(kCpuDevice, 1, *cpu_);
-    if (emulated_count_ > 0) add(kFirstAccelerator, emulated_count_, emulated_backend());
+    if (emulated_count_ > 0) add(kFirstAccelerator, emulated_count_, emulated::backend());
   }
 
   Backend* cpu() const { return cpu_; }
