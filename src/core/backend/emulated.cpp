@@ -3,6 +3,7 @@
 #include "core/backend/emulated.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,11 +15,16 @@
 namespace tramel::emulated {
 namespace {
 
-// Every buffer is followed by kGuardBytes bytes of a fixed pattern.
+// Every buffer is followed by kGuardBytes bytes of a fixed pattern, salted
+// with the buffer's address: a kernel that copies past the end of one buffer
+// into the end of another would otherwise carry a valid guard across.
 constexpr size_t kAlignment = 64;
 constexpr size_t kGuardBytes = 64;
 
-inline unsigned char guard_byte(size_t i) { return static_cast<unsigned char>(0xA5 ^ (i * 29)); }
+inline unsigned char guard_byte(const void* buffer, size_t i) {
+  uint64_t salt = (uint64_t(reinterpret_cast<uintptr_t>(buffer)) >> 6) * 0x9E3779B97F4A7C15ull;
+  return static_cast<unsigned char>((salt >> 56) ^ 0xA5 ^ (i * 29));
+}
 
 // ---- counting wrappers around the host kernels ----
 
@@ -99,7 +105,7 @@ class EmulatedBackend : public Backend {
     size_t total = (nbytes + kGuardBytes + kAlignment - 1) / kAlignment * kAlignment;
     auto* p = static_cast<unsigned char*>(std::aligned_alloc(kAlignment, total));
     if (!p) return nullptr;
-    for (size_t i = 0; i < kGuardBytes; ++i) p[nbytes + i] = guard_byte(i);
+    for (size_t i = 0; i < kGuardBytes; ++i) p[nbytes + i] = guard_byte(p, i);
     std::lock_guard<std::mutex> lock(mutex_);
     live_[p] = Buffer{nbytes, device, false};
     return p;
@@ -141,7 +147,7 @@ class EmulatedBackend : public Backend {
     if (b.reported) return;
     const auto* guard = static_cast<const unsigned char*>(ptr) + b.nbytes;
     for (size_t i = 0; i < kGuardBytes; ++i)
-      if (guard[i] != guard_byte(i)) {
+      if (guard[i] != guard_byte(ptr, i)) {
         b.reported = true;
         ++violations_;
         std::fprintf(stderr, "pytramel: the guard bytes after a buffer of %zu bytes on device %d were overwritten\n",
@@ -197,9 +203,9 @@ void write_past_end(const Tensor& t, size_t nbytes, const char* op) {
   if (nbytes > kGuardBytes)
     fail(ErrorKind::Value, op, "at most " + std::to_string(kGuardBytes) + " bytes fit in the guard, got " +
                                    std::to_string(nbytes));
-  std::unique_ptr<unsigned char[]> junk(new unsigned char[nbytes ? nbytes : 1]);
-  for (size_t i = 0; i < nbytes; ++i) junk[i] = static_cast<unsigned char>(~guard_byte(i));
   const Storage* s = t.storage();
+  std::unique_ptr<unsigned char[]> junk(new unsigned char[nbytes ? nbytes : 1]);
+  for (size_t i = 0; i < nbytes; ++i) junk[i] = static_cast<unsigned char>(~guard_byte(s->data(), i));
   instance().copy_from_host(static_cast<char*>(s->data()) + s->nbytes(), s->device(), junk.get(), nbytes);
 }
 
