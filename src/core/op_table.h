@@ -9,6 +9,8 @@ namespace tramel {
 
 constexpr DTypeSet kNumericTypes = kRealNumericTypes | kComplexTypes;
 constexpr DTypeSet kInexactTypes = kFloatingTypes | kComplexTypes;
+// arange, linspace, logspace: bool and complex make no sense as a range.
+constexpr DTypeSet kRangeTypes = kRealNumericTypes;
 
 struct BinaryInfo {
   const char* name;

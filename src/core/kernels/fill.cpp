@@ -8,8 +8,6 @@
 namespace tramel {
 namespace {
 
-constexpr DTypeSet kRangeTypes = kRealNumericTypes;
-
 // Writes f(i) for every flat index i of t.
 template <DTypeSet Allowed, typename F>
 void generate(Tensor& t, const char* op, F&& f) {

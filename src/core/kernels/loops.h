@@ -44,19 +44,6 @@ namespace {
 
 template <typename T, typename> using same_t = T;
 
-template <typename T> constexpr DType dtype_of() {
-  if constexpr (std::is_same_v<T, bool>) return DType::Bool;
-  else if constexpr (std::is_same_v<T, uint8_t>) return DType::UInt8;
-  else if constexpr (std::is_same_v<T, int8_t>) return DType::Int8;
-  else if constexpr (std::is_same_v<T, int16_t>) return DType::Int16;
-  else if constexpr (std::is_same_v<T, int32_t>) return DType::Int32;
-  else if constexpr (std::is_same_v<T, int64_t>) return DType::Int64;
-  else if constexpr (std::is_same_v<T, float>) return DType::Float32;
-  else if constexpr (std::is_same_v<T, double>) return DType::Float64;
-  else if constexpr (std::is_same_v<T, c64>) return DType::Complex64;
-  else return DType::Complex128;
-}
-
 // See Note [vector clones].
 template <typename R, typename F, typename... In>
 TRAMEL_BODY void map_loop_body(R* out, int64_t n, F f, const In*... in) {

@@ -6,8 +6,6 @@
 namespace tramel {
 namespace {
 
-constexpr DTypeSet kRangeTypes = kRealNumericTypes;  // bool and complex make no sense as a range
-
 Tensor vector_of(int64_t n, int device, DType dtype, const char* op) {
   if (n < 0) fail(ErrorKind::Value, op, "the number of elements must not be negative, got " + std::to_string(n));
   int64_t dims[1] = {n};
