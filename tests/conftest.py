@@ -8,6 +8,7 @@ os.environ.setdefault("PYTRAMEL_EMULATED_ACCELERATORS", "2")
 import numpy as np  # noqa: E402
 import pytest  # noqa: E402
 
+from pytramel import _core  # noqa: E402
 from pytramel import dtype as D  # noqa: E402
 from pytramel.onnx import export  # noqa: E402
 
@@ -70,6 +71,19 @@ def _restore_global_settings():
     D.set_default_dtype(saved_dtype)
     for k, v in saved_config.items():
         export.set_onnx_convert_config(k, v)
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "damages_guards: the test overwrites guard bytes on purpose")
+
+
+@pytest.fixture(autouse=True)
+def _guard_bytes_intact(request):
+    """Fails a test during which something wrote past the end of a buffer on an emulated device."""
+    before = _core._guard_violations()
+    yield
+    if request.node.get_closest_marker("damages_guards") is None:
+        assert _core._guard_violations() == before, "guard bytes after an emulated device buffer were overwritten"
 
 
 @pytest.fixture(params=[D.kfloat32, D.kfloat64], ids=["default32", "default64"])

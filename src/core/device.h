@@ -3,9 +3,10 @@
 // Device 0 is the processor. Devices 1000 and up are accelerators. The registry
 // always holds the CPU backend; PYTRAMEL_EMULATED_ACCELERATORS=N (read once, when
 // the engine is loaded) adds an emulated accelerator backend serving devices
-// 1000..1000+N-1 from host memory. Emulated devices exist so that every device
-// rule can be tested without a GPU: their memory is host memory, but they are
-// distinct devices and operations that mix devices fail as on a real GPU.
+// 1000..1000+N-1. Emulated devices exist so that every device rule can be
+// tested without a GPU: their memory is host memory, but they are distinct
+// devices, operations that mix devices fail as on a real GPU, and the engine
+// treats their memory as a GPU's (Note [backend seam] in backend.h).
 #pragma once
 #include <cstddef>
 
@@ -14,17 +15,7 @@ namespace tramel {
 constexpr int kCpuDevice = 0;
 constexpr int kFirstAccelerator = 1000;
 
-class Backend {
- public:
-  virtual ~Backend() = default;
-  virtual const char* name() const = 0;
-  // Whether the CPU kernels may run on this backend's memory.
-  virtual bool host_addressable() const = 0;
-  virtual void* allocate(size_t nbytes) = 0;
-  virtual void deallocate(void* ptr, size_t nbytes) = 0;
-  // Copies between this backend's memory and host memory (either direction).
-  virtual void copy(void* dst, const void* src, size_t nbytes) = 0;
-};
+class Backend;  // backend.h
 
 // The backend serving `device`; fails with "[op] device N is not available ..."
 // when nothing serves it.
@@ -32,7 +23,8 @@ Backend& backend_for(int device, const char* op);
 bool device_available(int device);
 int emulated_accelerator_count();
 
-// Fails unless the CPU kernels can run on `device`'s memory.
+// Fails with "[op] not available on device N" unless host code may address
+// `device`'s memory; for interfaces that hand host pointers out (DLPack).
 void require_host_addressable(int device, const char* op);
 
 }  // namespace tramel

@@ -1,5 +1,7 @@
 // The engine's operations, by kernel family. Results are new tensors unless
-// the name ends in an underscore (in place).
+// the name ends in an underscore (in place). Each is a front in
+// src/core/ops/<family>.cpp over kernels in src/core/kernels/<family>.cpp
+// (Note [backend seam] in backend.h).
 #pragma once
 #include <cstdint>
 #include <string>
@@ -9,7 +11,7 @@
 
 namespace tramel {
 
-// ---- conversion and copies (kernels/convert.cpp) ----
+// ---- conversion and copies (convert) ----
 // Copies an external strided buffer (byte strides) into a new tensor of `dtype`.
 Tensor from_strided(const void* src, DType src_dtype, const Shape& shape,
                     const int64_t* byte_strides, DType dtype, int device);
@@ -23,7 +25,7 @@ void copy_into(const Tensor& src, Tensor& dst);
 // Writes t's elements, converted to `dtype`, into host memory at `dst`.
 void copy_to_host(const Tensor& t, DType dtype, void* dst, const char* op);
 
-// ---- creation and fills (kernels/fill.cpp) ----
+// ---- creation and fills (fill) ----
 Tensor full(const Shape& shape, const Scalar& value, int device, DType dtype, const char* op = "full");
 Tensor arange(double start, double end, double step, int device, DType dtype);
 Tensor linspace(double start, double end, int64_t num, int device, DType dtype);
@@ -32,7 +34,7 @@ Tensor eye(int64_t size, int64_t offset, int device, DType dtype);
 Tensor diag(const Tensor& t, int64_t k);
 void fill_(Tensor& t, const Scalar& value);
 
-// ---- random draws (kernels/random.cpp) ----
+// ---- random draws (random) ----
 // One seedable generator for the whole process.
 void manual_seed(uint64_t seed);
 void fill_uniform_(Tensor& t, double low, double high);
@@ -41,7 +43,7 @@ void fill_binary_(Tensor& t, double threshold);
 Tensor randu(const Shape& shape, double low, double high, int device, DType dtype);
 Tensor randn(const Shape& shape, double mean, double stddev, int device, DType dtype);
 
-// ---- element-wise (kernels/elementwise.cpp, kernels/unary.cpp) ----
+// ---- element-wise (elementwise, unary) ----
 // Operands of one shape (the tensor layer broadcasts first) and one device.
 // Mixed dtypes promote (see promote()); a host number is "weak": it takes the
 // tensor's dtype unless it belongs to a higher category (an int tensor times
@@ -104,7 +106,7 @@ Tensor tan_grad(const Tensor& y, const Tensor& g);     // g * conj(1 + y^2)
 Tensor log_softmax(const Tensor& x, int64_t axis);
 Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis);
 
-// ---- reductions (kernels/reduce.cpp) ----
+// ---- reductions (sum, stats) ----
 // Without axes: a one-element tensor of shape [1]. Axes may be negative; a
 // repeated or out-of-range axis raises. Integer and bool sums give int64.
 Tensor sum(const Tensor& t);
@@ -132,7 +134,7 @@ Tensor std(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, boo
 Tensor cumsum(const Tensor& t, int64_t axis);
 Tensor cumsum_grad(const Tensor& g, int64_t axis);
 
-// ---- shape (kernels/shape.cpp) ----
+// ---- shape and axis order (shape, permute) ----
 // Same elements, new shape (storage shared); a wrong element count raises.
 Tensor reshape(const Tensor& t, const Shape& shape);
 // The same with numpy's dims: one of them may be -1, inferred from the rest.
@@ -158,7 +160,7 @@ Tensor squeeze(const Tensor& t);
 Tensor squeeze(const Tensor& t, const std::vector<int64_t>& axes);
 Tensor unsqueeze(const Tensor& t, int64_t axis);
 
-// ---- whole-tensor queries and arg-reductions (kernels/reduce.cpp) ----
+// ---- whole-tensor queries and arg-reductions (reduce) ----
 bool all(const Tensor& t);
 bool any(const Tensor& t);
 double l2_norm(const Tensor& t);

@@ -13,6 +13,8 @@
 
 namespace tramel {
 
+class Backend;
+
 class Storage {
  public:
   // A new buffer of `nbytes` on `device`, contents undefined.
@@ -21,21 +23,25 @@ class Storage {
   void* data() const { return data_; }
   size_t nbytes() const { return nbytes_; }
   int device() const { return device_; }
+  // The backend that allocated the buffer; its kernels run on it.
+  Backend& backend() const { return *backend_; }
   int64_t use_count() const { return refcount_.load(std::memory_order_acquire); }
 
   void retain() { refcount_.fetch_add(1, std::memory_order_relaxed); }
   void release();
 
  private:
-  Storage(void* data, size_t nbytes, int device, bool inline_block)
-      : data_(data), nbytes_(nbytes), device_(device), inline_block_(inline_block) {}
+  Storage(void* data, size_t nbytes, Backend* backend, int device, bool inline_block)
+      : data_(data), nbytes_(nbytes), backend_(backend), device_(device), inline_block_(inline_block) {}
   ~Storage() = default;
 
   std::atomic<int64_t> refcount_{1};
   void* data_;
   size_t nbytes_;
+  Backend* backend_;
   int device_;
-  // Small host buffers share one allocation with this header.
+  // Small buffers of host-addressable backends share one allocation with
+  // this header.
   bool inline_block_;
 };
 

@@ -2,10 +2,9 @@
 
 #include <cstdlib>
 #include <new>
-#include <cstring>
 #include <sstream>
 
-#include "core/ops.h"
+#include "core/backend.h"
 
 namespace tramel {
 
@@ -65,13 +64,13 @@ Storage* Storage::create(size_t nbytes, int device, const char* op) {
     // cheaper than an aligned allocation.
     void* block = std::malloc(kHeaderBytes + nbytes);
     if (!block) fail(ErrorKind::Runtime, op, "out of memory");
-    return new (block) Storage(static_cast<char*>(block) + kHeaderBytes, nbytes, device, true);
+    return new (block) Storage(static_cast<char*>(block) + kHeaderBytes, nbytes, &backend, device, true);
   }
-  void* data = backend.allocate(nbytes);
+  void* data = backend.allocate(nbytes, device);
   if (!data && nbytes)
     fail(ErrorKind::Runtime, op, "out of memory allocating " + std::to_string(nbytes) + " bytes on device " +
                                      std::to_string(device));
-  return new Storage(data, nbytes, device, false);
+  return new Storage(data, nbytes, &backend, device, false);
 }
 
 void Storage::release() {
@@ -80,7 +79,7 @@ void Storage::release() {
     this->~Storage();
     std::free(this);
   } else {
-    backend_for(device_, "free").deallocate(data_, nbytes_);
+    backend_->deallocate(data_, nbytes_, device_);
     delete this;
   }
 }
@@ -99,7 +98,7 @@ Tensor Tensor::empty(const Shape& shape, DType dtype, int device, const char* op
 void Tensor::make_storage_unique() {
   if (storage_ && storage_->use_count() > 1) {
     StorageRef fresh(Storage::create(nbytes(), device(), "copy-on-write"));
-    backend_for(device(), "copy-on-write").copy(fresh->data(), storage_->data(), nbytes());
+    storage_->backend().copy_on_device(fresh->data(), device(), storage_->data(), device(), nbytes());
     storage_ = std::move(fresh);
   }
 }

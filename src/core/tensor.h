@@ -23,6 +23,8 @@ class Tensor {
   size_t nbytes() const { return size_t(numel_) * itemsize(dtype_); }
   const Storage* storage() const { return storage_.get(); }
 
+  // Element memory, for kernels and backends; fronts never touch it (Note
+  // [backend seam] in backend.h), and on an accelerator it is device memory.
   void* raw() const { return storage_->data(); }
   template <typename T> T* data() const { return static_cast<T*>(storage_->data()); }
 

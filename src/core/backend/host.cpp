@@ -1,5 +1,4 @@
-// Backends whose memory is host memory: the processor (device 0) and the
-// emulated accelerators (see device.h).
+// The processor's backend (device 0) and the table of host kernels.
 #include <sys/mman.h>
 
 #include <cstdlib>
@@ -10,8 +9,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "core/device.h"
-#include "core/error.h"
+#include "core/backend.h"
+#include "core/kernels/host_kernels.h"
 
 namespace tramel {
 namespace {
@@ -94,71 +93,52 @@ class BlockCache {
 
 class HostBackend : public Backend {
  public:
-  explicit HostBackend(const char* name) : name_(name) {}
-  const char* name() const override { return name_; }
-  bool host_addressable() const override { return true; }
-  void* allocate(size_t nbytes) override {
+  HostBackend() : Backend("cpu", true) { kernels_ = host_kernels(); }
+  void* allocate(size_t nbytes, int) override {
     if (nbytes >= kLargeBytes) return cache_->take(nbytes);
     size_t rounded = (nbytes + kAlignment - 1) / kAlignment * kAlignment;
     return std::aligned_alloc(kAlignment, rounded ? rounded : kAlignment);
   }
-  void deallocate(void* ptr, size_t nbytes) override {
+  void deallocate(void* ptr, size_t nbytes, int) override {
     if (nbytes >= kLargeBytes) cache_->give(ptr);
     else std::free(ptr);
   }
-  void copy(void* dst, const void* src, size_t nbytes) override {
-    if (nbytes) std::memcpy(dst, src, nbytes);
-  }
+  void copy_from_host(void* dst, int, const void* src, size_t nbytes) override { copy(dst, src, nbytes); }
+  void copy_to_host(void* dst, const void* src, int, size_t nbytes) override { copy(dst, src, nbytes); }
+  void copy_on_device(void* dst, int, const void* src, int, size_t nbytes) override { copy(dst, src, nbytes); }
 
  private:
-  const char* name_;
+  static void copy(void* dst, const void* src, size_t nbytes) {
+    if (nbytes) std::memcpy(dst, src, nbytes);
+  }
   // Never destroyed: tensors may be freed while the process exits.
   BlockCache* cache_ = new BlockCache();
 };
 
-int read_emulated_count() {
-  const char* value = std::getenv("PYTRAMEL_EMULATED_ACCELERATORS");
-  if (!value) return 0;
-  int n = std::atoi(value);
-  return n < 0 ? 0 : n;
-}
-
-struct Registry {
-  HostBackend cpu{"cpu"};
-  HostBackend emulated{"emulated accelerator"};
-  int emulated_count = read_emulated_count();
-};
-
-Registry& registry() {
-  static Registry r;
-  return r;
-}
-
 }  // namespace
 
-int emulated_accelerator_count() { return registry().emulated_count; }
-
-bool device_available(int device) {
-  if (device == kCpuDevice) return true;
-  return device >= kFirstAccelerator && device < kFirstAccelerator + registry().emulated_count;
+const Kernels& host_kernels() {
+  static const Kernels table = [] {
+    Kernels k;
+    add_convert_kernels(k);
+    add_fill_kernels(k);
+    add_random_kernels(k);
+    add_elementwise_kernels(k);
+    add_unary_kernels(k);
+    add_sum_kernels(k);
+    add_stats_kernels(k);
+    add_reduce_kernels(k);
+    add_shape_kernels(k);
+    add_permute_kernels(k);
+    return k;
+  }();
+  return table;
 }
 
-Backend& backend_for(int device, const char* op) {
-  Registry& r = registry();
-  if (device == kCpuDevice) return r.cpu;
-  if (device_available(device)) return r.emulated;
-  if (device >= kFirstAccelerator)
-    fail(ErrorKind::Runtime, op,
-         "device " + std::to_string(device) +
-             " is not available: no accelerator backend serves it (this build has no GPU support; "
-             "set PYTRAMEL_EMULATED_ACCELERATORS=N for emulated ones)");
-  fail(ErrorKind::Runtime, op,
-       "device " + std::to_string(device) + " is not available: devices are 0 (processor) and 1000 and up");
-}
-
-void require_host_addressable(int device, const char* op) {
-  if (!backend_for(device, op).host_addressable())
-    fail(ErrorKind::Runtime, op, "not available on device " + std::to_string(device));
+Backend& cpu_backend() {
+  // Never destroyed, like the cache: tensors may be freed while the process exits.
+  static HostBackend* cpu = new HostBackend();
+  return *cpu;
 }
 
 }  // namespace tramel

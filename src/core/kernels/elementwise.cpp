@@ -1,66 +1,85 @@
-// Two-operand element-wise kernels: arithmetic, comparison and logic,
-// clamping. Operands have one shape (broadcasting happens above).
+// Host kernels of the two-operand element-wise operations: arithmetic,
+// comparison and logic, classification, clamping. Operands have one shape
+// and the dtype the front chose.
+#include <tuple>
+
 #include "core/kernels/loops.h"
 
 namespace tramel {
 namespace {
 
-constexpr DTypeSet kNumeric = kRealNumericTypes | kComplexTypes;
+// In the order of BinaryOp, CompareOp and ClassifyOp.
+using BinaryFunctors = std::tuple<fn::Add, fn::Sub, fn::Mul, fn::Div, fn::Pow, fn::Maximum, fn::Minimum>;
+using CompareFunctors = std::tuple<fn::Equal, fn::NotEqual, fn::Greater, fn::GreaterEqual, fn::Less, fn::LessEqual,
+                                   fn::And, fn::Or, fn::Xor>;
+using ClassifyFunctors = std::tuple<fn::IsFinite, fn::IsInf, fn::IsNan, fn::IsNegInf, fn::IsPosInf>;
+static_assert(std::tuple_size_v<BinaryFunctors> == kBinaryOps);
+static_assert(std::tuple_size_v<CompareFunctors> == kCompareOps);
+static_assert(std::tuple_size_v<ClassifyFunctors> == kClassifyOps);
 
-// Calls fn(functor, dtype set, name, in-place name) for a binary operation.
-// The one place that maps BinaryOp to its scalar maths.
-template <typename Fn>
-Tensor with_binary(BinaryOp op, Fn&& fn) {
-  switch (op) {
-    case BinaryOp::Add: return fn(fn::Add{}, SetC<kAllTypes>{}, "add", "add_");
-    case BinaryOp::Sub: return fn(fn::Sub{}, SetC<kNumeric>{}, "sub", "sub_");
-    case BinaryOp::Mul: return fn(fn::Mul{}, SetC<kAllTypes>{}, "mult", "mult_");
-    case BinaryOp::Div: return fn(fn::Div{}, SetC<kNumeric>{}, "div", "div_");
-    case BinaryOp::Pow: return fn(fn::Pow{}, SetC<kNumeric>{}, "element_pow", "element_pow_");
-    case BinaryOp::Maximum: return fn(fn::Maximum{}, SetC<kRealTypes>{}, "maximum", "maximum_");
-    case BinaryOp::Minimum: return fn(fn::Minimum{}, SetC<kRealTypes>{}, "minimum", "minimum_");
-  }
-  fail(ErrorKind::Value, "binary", "unknown operation " + std::to_string(int(op)));
+template <typename F, DTypeSet Set>
+void map2(const Tensor& a, const Tensor& b, Tensor& out, const char* op) {
+  dispatch<Set>(a.dtype(), op, [&](auto tag) { map_tensors<typename decltype(tag)::type>(out, F{}, a, b); });
 }
 
-template <typename Fn>
-Tensor with_compare(CompareOp op, Fn&& fn) {
-  switch (op) {
-    case CompareOp::Equal: return fn(fn::Equal{}, SetC<kAllTypes>{}, "equal");
-    case CompareOp::NotEqual: return fn(fn::NotEqual{}, SetC<kAllTypes>{}, "not_equal");
-    case CompareOp::Greater: return fn(fn::Greater{}, SetC<kRealTypes>{}, "greater");
-    case CompareOp::GreaterEqual: return fn(fn::GreaterEqual{}, SetC<kRealTypes>{}, "greater_equal");
-    case CompareOp::Less: return fn(fn::Less{}, SetC<kRealTypes>{}, "less");
-    case CompareOp::LessEqual: return fn(fn::LessEqual{}, SetC<kRealTypes>{}, "less_equal");
-    case CompareOp::And: return fn(fn::And{}, SetC<kAllTypes>{}, "logical_and");
-    case CompareOp::Or: return fn(fn::Or{}, SetC<kAllTypes>{}, "logical_or");
-    case CompareOp::Xor: return fn(fn::Xor{}, SetC<kAllTypes>{}, "logical_xor");
-  }
-  fail(ErrorKind::Value, "compare", "unknown operation " + std::to_string(int(op)));
+template <typename F, DTypeSet Set>
+void map2_scalar(const Tensor& a, const Scalar& s, Tensor& out, const char* op) {
+  dispatch<Set>(a.dtype(), op, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    map_tensors<T>(out, BindRight<F, T>{F{}, s.to<T>()}, a);
+  });
 }
 
-int category(DType d) { return d == DType::Bool ? 0 : is_integral(d) ? 1 : is_floating(d) ? 2 : 3; }
+template <size_t I>
+void binary(const Tensor& a, const Tensor& b, Tensor& out) {
+  map2<std::tuple_element_t<I, BinaryFunctors>, kBinaryInfo[I].types>(a, b, out, kBinaryInfo[I].name);
+}
 
-// In place on a, keeping a's dtype. An operand of a lower or equal category is
-// converted to a's dtype and the loop runs on a's buffer; otherwise the result
-// is computed in the wider dtype and converted back.
-template <DTypeSet Set, typename F>
-void inplace(const char* name, const F& f, Tensor& a, const Tensor* b, const Scalar* s) {
-  check_operands(name, a);
-  DType wide = b ? promote(a.dtype(), b->dtype()) : weak_promote(a.dtype(), *s);
-  if (category(wide) != category(a.dtype())) {
-    Tensor r = b ? map_tensors<Set>(name, f, wide, a, *b) : map_scalar<Set>(name, f, wide, a, *s);
-    copy_into(r, a);
-    return;
-  }
-  Tensor rhs = b ? to_dtype(*b, a.dtype(), false) : Tensor();
-  a.make_storage_unique();
-  dispatch<Set>(a.dtype(), name, [&](auto tag) {
+template <size_t I>
+void binary_scalar(const Tensor& a, const Scalar& s, Tensor& out) {
+  map2_scalar<std::tuple_element_t<I, BinaryFunctors>, kBinaryInfo[I].types>(a, s, out, kBinaryInfo[I].name);
+}
+
+template <size_t I>
+void binary_inplace(Tensor& a, const Tensor& b) {
+  using F = std::tuple_element_t<I, BinaryFunctors>;
+  dispatch<kBinaryInfo[I].types>(a.dtype(), kBinaryInfo[I].inplace_name, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* x = a.data<T>();
-    if (b) map_parallel(x, a.numel(), f, static_cast<const T*>(x), rhs.data<T>());
-    else map_parallel(x, a.numel(), BindRight<F, T>{f, s->to<T>()}, static_cast<const T*>(x));
+    map_parallel(x, a.numel(), F{}, static_cast<const T*>(x), b.data<T>());
   });
+}
+
+template <size_t I>
+void binary_scalar_inplace(Tensor& a, const Scalar& s) {
+  using F = std::tuple_element_t<I, BinaryFunctors>;
+  dispatch<kBinaryInfo[I].types>(a.dtype(), kBinaryInfo[I].inplace_name, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    T* x = a.data<T>();
+    map_parallel(x, a.numel(), BindRight<F, T>{F{}, s.to<T>()}, static_cast<const T*>(x));
+  });
+}
+
+template <size_t I>
+void compare(const Tensor& a, const Tensor& b, Tensor& out) {
+  map2<std::tuple_element_t<I, CompareFunctors>, kCompareInfo[I].types>(a, b, out, kCompareInfo[I].name);
+}
+
+template <size_t I>
+void compare_scalar(const Tensor& a, const Scalar& s, Tensor& out) {
+  map2_scalar<std::tuple_element_t<I, CompareFunctors>, kCompareInfo[I].types>(a, s, out, kCompareInfo[I].name);
+}
+
+template <size_t I>
+void classify(const Tensor& x, Tensor& out) {
+  using F = std::tuple_element_t<I, ClassifyFunctors>;
+  dispatch<kClassifyInfo[I].types>(x.dtype(), kClassifyInfo[I].name,
+                                   [&](auto tag) { map_tensors<typename decltype(tag)::type>(out, F{}, x); });
+}
+
+void logical_not(const Tensor& x, Tensor& out) {
+  dispatch<kAllTypes>(x.dtype(), "logical_not",
+                      [&](auto tag) { map_tensors<typename decltype(tag)::type>(out, fn::Not{}, x); });
 }
 
 // Bounds for element type T; integers saturate, so clamp(int8, -1e9, 1e9) is a copy.
@@ -73,119 +92,47 @@ T bound(double v) {
   return T(v);
 }
 
-// Fractional bounds lift an integer tensor to floating, as a float scalar would.
-DType clamp_dtype(DType d, double low, double high) {
-  bool whole = (std::isinf(low) || low == std::floor(low)) && (std::isinf(high) || high == std::floor(high));
-  return (is_integral(d) || d == DType::Bool) && !whole ? default_dtype() : d;
+void clamp(const Tensor& x, double low, double high, Tensor& out) {
+  dispatch<kRealNumericTypes>(x.dtype(), "clamp", [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    map_parallel(out.data<T>(), out.numel(), fn::Clamp<T>{bound<T>(low), bound<T>(high)}, x.data<T>());
+  });
+}
+
+void clamp_grad(const Tensor& x, const Tensor& g, double low, double high, Tensor& out) {
+  dispatch<kRealNumericTypes>(x.dtype(), "clamp_grad", [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    map_parallel(out.data<T>(), out.numel(), fn::ClampGrad<T>{bound<T>(low), bound<T>(high)}, x.data<T>(),
+                 g.data<T>());
+  });
+}
+
+template <size_t... I>
+void add_binary(Kernels& k, std::index_sequence<I...>) {
+  ((k.binary[I] = binary<I>, k.binary_scalar[I] = binary_scalar<I>, k.binary_inplace[I] = binary_inplace<I>,
+    k.binary_scalar_inplace[I] = binary_scalar_inplace<I>),
+   ...);
+}
+
+template <size_t... I>
+void add_compare(Kernels& k, std::index_sequence<I...>) {
+  ((k.compare[I] = compare<I>, k.compare_scalar[I] = compare_scalar<I>), ...);
+}
+
+template <size_t... I>
+void add_classify(Kernels& k, std::index_sequence<I...>) {
+  ((k.classify[I] = classify<I>), ...);
 }
 
 }  // namespace
 
-Tensor binary(BinaryOp op, const Tensor& a, const Tensor& b) {
-  return with_binary(op, [&](auto f, auto set, const char* name, const char*) {
-    check_operands(name, a, b);
-    return map_tensors<decltype(set)::value>(name, f, promote(a.dtype(), b.dtype()), a, b);
-  });
-}
-
-Tensor binary(BinaryOp op, const Tensor& a, const Scalar& b) {
-  return with_binary(op, [&](auto f, auto set, const char* name, const char*) {
-    check_operands(name, a);
-    return map_scalar<decltype(set)::value>(name, f, weak_promote(a.dtype(), b), a, b);
-  });
-}
-
-void binary_(BinaryOp op, Tensor& a, const Tensor& b) {
-  with_binary(op, [&](auto f, auto set, const char*, const char* name) {
-    check_operands(name, a, b);
-    inplace<decltype(set)::value>(name, f, a, &b, nullptr);
-    return Tensor();
-  });
-}
-
-void binary_(BinaryOp op, Tensor& a, const Scalar& b) {
-  with_binary(op, [&](auto f, auto set, const char*, const char* name) {
-    inplace<decltype(set)::value>(name, f, a, nullptr, &b);
-    return Tensor();
-  });
-}
-
-void add_(Tensor& t, const Tensor& other) { binary_(BinaryOp::Add, t, other); }
-
-Tensor add_tensor_list(const std::vector<const Tensor*>& tensors) {
-  const char* op = "add_tensor_list";
-  if (tensors.empty()) fail(ErrorKind::Value, op, "expects at least one tensor");
-  DType d = tensors[0]->dtype();
-  for (const Tensor* t : tensors) {
-    check_operands(op, *tensors[0], *t);
-    d = promote(d, t->dtype());
-  }
-  if (tensors.size() == 1) return to_dtype(*tensors[0], d, true);
-  Tensor out = binary(BinaryOp::Add, to_dtype(*tensors[0], d, false), *tensors[1]);
-  for (size_t i = 2; i < tensors.size(); ++i) binary_(BinaryOp::Add, out, *tensors[i]);
-  return out;
-}
-
-Tensor compare(CompareOp op, const Tensor& a, const Tensor& b) {
-  return with_compare(op, [&](auto f, auto set, const char* name) {
-    check_operands(name, a, b);
-    return map_tensors<decltype(set)::value>(name, f, promote(a.dtype(), b.dtype()), a, b);
-  });
-}
-
-Tensor compare(CompareOp op, const Tensor& a, const Scalar& b) {
-  return with_compare(op, [&](auto f, auto set, const char* name) {
-    check_operands(name, a);
-    return map_scalar<decltype(set)::value>(name, f, weak_promote(a.dtype(), b), a, b);
-  });
-}
-
-Tensor logical_not(const Tensor& x) {
-  check_operands("logical_not", x);
-  return map_tensors<kAllTypes>("logical_not", fn::Not{}, x.dtype(), x);
-}
-
-Tensor classify(ClassifyOp op, const Tensor& x) {
-  auto run = [&](auto f, auto set, const char* name) {
-    check_operands(name, x);
-    return map_tensors<decltype(set)::value>(name, f, x.dtype(), x);
-  };
-  switch (op) {
-    case ClassifyOp::IsFinite: return run(fn::IsFinite{}, SetC<kAllTypes>{}, "isfinite");
-    case ClassifyOp::IsInf: return run(fn::IsInf{}, SetC<kAllTypes>{}, "isinf");
-    case ClassifyOp::IsNan: return run(fn::IsNan{}, SetC<kAllTypes>{}, "isnan");
-    // A complex number has no sign to be infinite with.
-    case ClassifyOp::IsNegInf: return run(fn::IsNegInf{}, SetC<kRealTypes>{}, "isneginf");
-    case ClassifyOp::IsPosInf: return run(fn::IsPosInf{}, SetC<kRealTypes>{}, "isposinf");
-  }
-  fail(ErrorKind::Value, "classify", "unknown operation " + std::to_string(int(op)));
-}
-
-Tensor clamp(const Tensor& x, double low, double high) {
-  const char* op = "clamp";
-  check_operands(op, x);
-  DType d = clamp_dtype(x.dtype(), low, high);
-  Tensor in = to_dtype(x, d, false);
-  Tensor out = Tensor::empty(in.shape(), d, in.device(), op);
-  dispatch<kRealNumericTypes>(d, op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    map_parallel(out.data<T>(), out.numel(), fn::Clamp<T>{bound<T>(low), bound<T>(high)}, in.data<T>());
-  });
-  return out;
-}
-
-Tensor clamp_grad(const Tensor& x, const Tensor& g, double low, double high) {
-  const char* op = "clamp_grad";
-  check_operands(op, x, g);
-  DType d = clamp_dtype(promote(x.dtype(), g.dtype()), low, high);
-  Tensor xs = to_dtype(x, d, false), gs = to_dtype(g, d, false);
-  Tensor out = Tensor::empty(gs.shape(), d, gs.device(), op);
-  dispatch<kRealNumericTypes>(d, op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    map_parallel(out.data<T>(), out.numel(), fn::ClampGrad<T>{bound<T>(low), bound<T>(high)}, xs.data<T>(),
-                 gs.data<T>());
-  });
-  return out;
+void add_elementwise_kernels(Kernels& k) {
+  add_binary(k, std::make_index_sequence<kBinaryOps>{});
+  add_compare(k, std::make_index_sequence<kCompareOps>{});
+  add_classify(k, std::make_index_sequence<kClassifyOps>{});
+  k.logical_not = logical_not;
+  k.clamp = clamp;
+  k.clamp_grad = clamp_grad;
 }
 
 }  // namespace tramel

@@ -1,20 +1,16 @@
-// Constant fills and the creation functions built on them.
+// Host kernels of constant fills, ranges and diagonals.
 #include <cmath>
 #include <cstring>
 
-#include "core/ops.h"
+#include "core/kernels/host_kernels.h"
 #include "core/parallel.h"
 
 namespace tramel {
 namespace {
 
-constexpr DTypeSet kRangeTypes = kRealNumericTypes;  // bool and complex make no sense as a range
-
-// Writes f(i) for every flat index i of a host-addressable tensor.
+// Writes f(i) for every flat index i of t.
 template <DTypeSet Allowed, typename F>
 void generate(Tensor& t, const char* op, F&& f) {
-  require_host_addressable(t.device(), op);
-  t.make_storage_unique();
   dispatch<Allowed>(t.dtype(), op, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* d = t.data<T>();
@@ -24,19 +20,8 @@ void generate(Tensor& t, const char* op, F&& f) {
   });
 }
 
-Tensor vector_of(int64_t n, int device, DType dtype, const char* op) {
-  if (n < 0) fail(ErrorKind::Value, op, "the number of elements must not be negative, got " + std::to_string(n));
-  int64_t dims[1] = {n};
-  return Tensor::empty(Shape(dims, 1, op), dtype, device, op);
-}
-
-}  // namespace
-
-void fill_(Tensor& t, const Scalar& value) {
-  const char* op = "fill_";
-  require_host_addressable(t.device(), op);
-  t.make_storage_unique();
-  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
+void fill(Tensor& t, const Scalar& value) {
+  dispatch<kAllTypes>(t.dtype(), "fill_", [&](auto tag) {
     using T = typename decltype(tag)::type;
     T v = value.to<T>();
     T* d = t.data<T>();
@@ -44,82 +29,59 @@ void fill_(Tensor& t, const Scalar& value) {
   });
 }
 
-Tensor full(const Shape& shape, const Scalar& value, int device, DType dtype, const char* op) {
-  Tensor t = Tensor::empty(shape, dtype, device, op);
-  if (value.kind != Scalar::Kind::Complex && value.re == 0 && value.i == 0 && t.numel()) {
-    require_host_addressable(device, op);
-    std::memset(t.raw(), 0, t.nbytes());  // all-zero bits are zero in every dtype
-  } else {
-    fill_(t, value);
-  }
-  return t;
+void zero(Tensor& t) { std::memset(t.raw(), 0, t.nbytes()); }
+
+void arange(Tensor& t, double start, double step) {
+  generate<kRangeTypes>(t, "arange", [&](int64_t i) { return start + double(i) * step; });
 }
 
-Tensor arange(double start, double end, double step, int device, DType dtype) {
-  const char* op = "arange";
-  if (step == 0 || !std::isfinite(step)) fail(ErrorKind::Value, op, "step must be finite and non-zero");
-  double count = std::ceil((end - start) / step);
-  if (!std::isfinite(count)) fail(ErrorKind::Value, op, "start and end must be finite");
-  if (count > double(kMaxElements)) fail(ErrorKind::Value, op, "the range has too many elements");
-  Tensor t = vector_of(count > 0 ? int64_t(count) : 0, device, dtype, op);
-  generate<kRangeTypes>(t, op, [&](int64_t i) { return start + double(i) * step; });
-  return t;
-}
-
-Tensor linspace(double start, double end, int64_t num, int device, DType dtype) {
-  const char* op = "linspace";
-  Tensor t = vector_of(num, device, dtype, op);
+void linspace(Tensor& t, double start, double end) {
+  int64_t num = t.numel();
   double step = num > 1 ? (end - start) / double(num - 1) : 0.0;
-  generate<kRangeTypes>(t, op, [&](int64_t i) { return i == num - 1 && num > 1 ? end : start + double(i) * step; });
-  return t;
+  generate<kRangeTypes>(t, "linspace",
+                        [&](int64_t i) { return i == num - 1 && num > 1 ? end : start + double(i) * step; });
 }
 
-Tensor logspace(double start, double end, int64_t num, double base, int device, DType dtype) {
-  const char* op = "logspace";
-  Tensor t = vector_of(num, device, dtype, op);
+void logspace(Tensor& t, double start, double end, double base) {
+  int64_t num = t.numel();
   double step = num > 1 ? (end - start) / double(num - 1) : 0.0;
-  generate<kRangeTypes>(t, op, [&](int64_t i) {
+  generate<kRangeTypes>(t, "logspace", [&](int64_t i) {
     return std::pow(base, i == num - 1 && num > 1 ? end : start + double(i) * step);
   });
-  return t;
 }
 
-Tensor eye(int64_t size, int64_t offset, int device, DType dtype) {
-  const char* op = "eye";
-  if (size < 0) fail(ErrorKind::Value, op, "size must not be negative, got " + std::to_string(size));
-  int64_t dims[2] = {size, size};
-  Tensor t = Tensor::empty(Shape(dims, 2, op), dtype, device, op);
-  generate<kAllTypes>(t, op, [&](int64_t i) { return int(i % size - i / size == offset); });
-  return t;
+void eye(Tensor& t, int64_t offset) {
+  int64_t size = t.shape()[1];
+  generate<kAllTypes>(t, "eye", [&](int64_t i) { return int(i % size - i / size == offset); });
 }
 
-Tensor diag(const Tensor& t, int64_t k) {
-  const char* op = "diag";
-  require_host_addressable(t.device(), op);
-  if (t.ndim() == 2) {
-    int64_t cols = t.shape()[1];
-    Tensor out = to_dtype(t, t.dtype(), true);
-    dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      T* d = out.data<T>();
-      for (int64_t i = 0; i < out.numel(); ++i)
-        if (i % cols - i / cols != k) d[i] = T(0);
-    });
-    return out;
-  }
-  if (t.ndim() != 1)
-    fail(ErrorKind::Value, op, "expects a 1- or 2-dimensional tensor, got shape " + t.shape().str());
-  int64_t n = t.numel(), size = n + (k < 0 ? -k : k);
-  int64_t dims[2] = {size, size};
-  Tensor out = full(Shape(dims, 2, op), Scalar::from_int(0), t.device(), t.dtype(), op);
-  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
+void diag(const Tensor& src, Tensor& out, int64_t k) {
+  dispatch<kAllTypes>(src.dtype(), "diag", [&](auto tag) {
     using T = typename decltype(tag)::type;
-    const T* s = t.data<T>();
+    const T* s = src.data<T>();
     T* d = out.data<T>();
+    if (src.ndim() == 2) {
+      int64_t cols = src.shape()[1];
+      for (int64_t i = 0; i < out.numel(); ++i) d[i] = i % cols - i / cols == k ? s[i] : T(0);
+      return;
+    }
+    int64_t n = src.numel(), size = out.shape()[0];
+    std::fill(d, d + out.numel(), T(0));
     int64_t row0 = k < 0 ? -k : 0, col0 = k > 0 ? k : 0;
     for (int64_t i = 0; i < n; ++i) d[(row0 + i) * size + col0 + i] = s[i];
   });
-  return out;
+}
+
+}  // namespace
+
+void add_fill_kernels(Kernels& k) {
+  k.fill = fill;
+  k.zero = zero;
+  k.arange = arange;
+  k.linspace = linspace;
+  k.logspace = logspace;
+  k.eye = eye;
+  k.diag = diag;
 }
 
 }  // namespace tramel

@@ -5,6 +5,29 @@
 // Complex products and quotients are written out rather than taken from
 // std::complex, whose operators call out-of-line NaN repair and stop the
 // vectoriser (numpy does the same arithmetic).
+//
+// Calls between helpers here are qualified (fn::conj, fn::mul): unqualified,
+// conj(z) of a std::complex finds std::conj by argument-dependent lookup,
+// which is the better match and a host function.
+//
+// Note [host-only functors]
+// Written for a device compiler, the functors need a complex type it knows
+// (std::complex is host code) and real maths it provides (std::sqrt,
+// std::exp and the like on float and double, std::hypot, std::fabs,
+// std::copysign, std::nearbyint are all there). What still needs the host:
+//  - the std:: functions called on std::complex: Pow, Sqrt, Log, Tan, Asin,
+//    Acos, Atan, Sinh, Cosh, Tanh, Sin and Cos of complex numbers, and the
+//    gradients built on them, PowBaseGrad, PowExpGrad (std::log), AsinGrad and
+//    AcosGrad (std::sqrt);
+//  - the `exact` members of Exp, Sin and Cos, the libm fallbacks of the
+//    fixup pass (map_fixup in loops.h), which a device kernel would replace
+//    by its own exact functions;
+//  - Pow of reals calls std::pow, which a device library has, but the
+//    integer and complex special cases were written for the host only.
+// The rest (arithmetic, comparisons, classification, Abs and Sign through
+// std::hypot, the vectorised Exp and the real Sin and Cos of vmath.h, the
+// gradients of mult, div, exp, log, square, tanh, atan, sqrt and tan, Clamp)
+// is plain arithmetic on its element type.
 #pragma once
 #include <cmath>
 #include <complex>
@@ -83,10 +106,10 @@ struct Sub {
   template <typename T> TRAMEL_HD T operator()(T a, T b) const { return T(a - b); }
 };
 struct Mul {
-  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return mul(a, b); }
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return fn::mul(a, b); }
 };
 struct Div {
-  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return div(a, b); }
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return fn::div(a, b); }
 };
 struct Pow {
   template <typename T> TRAMEL_HD T operator()(T a, T b) const {
@@ -113,10 +136,10 @@ struct Pow {
 };
 // numpy's maximum/minimum: a NaN on either side wins.
 struct Maximum {
-  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return (a >= b || isnan_v(a)) ? a : b; }
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return (a >= b || fn::isnan_v(a)) ? a : b; }
 };
 struct Minimum {
-  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return (a <= b || isnan_v(a)) ? a : b; }
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return (a <= b || fn::isnan_v(a)) ? a : b; }
 };
 
 // ---- comparison and logic (bool results) ----
@@ -127,21 +150,23 @@ struct Greater { template <typename T> TRAMEL_HD bool operator()(T a, T b) const
 struct GreaterEqual { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return a >= b; } };
 struct Less { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return a < b; } };
 struct LessEqual { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return a <= b; } };
-struct And { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return nz(a) && nz(b); } };
-struct Or { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return nz(a) || nz(b); } };
-struct Xor { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return nz(a) != nz(b); } };
-struct Not { template <typename T> TRAMEL_HD bool operator()(T a) const { return !nz(a); } };
+struct And { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return fn::nz(a) && fn::nz(b); } };
+struct Or { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return fn::nz(a) || fn::nz(b); } };
+struct Xor { template <typename T> TRAMEL_HD bool operator()(T a, T b) const { return fn::nz(a) != fn::nz(b); } };
+struct Not { template <typename T> TRAMEL_HD bool operator()(T a) const { return !fn::nz(a); } };
 
 template <typename T> TRAMEL_HD inline bool isinf_v(T v) {
   if constexpr (std::is_floating_point_v<T>) return std::isinf(v);
   else if constexpr (is_complex_v<T>) return std::isinf(v.real()) || std::isinf(v.imag());
   else return false;
 }
-struct IsFinite { template <typename T> TRAMEL_HD bool operator()(T v) const { return !isnan_v(v) && !isinf_v(v); } };
-struct IsInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return isinf_v(v); } };
-struct IsNan { template <typename T> TRAMEL_HD bool operator()(T v) const { return isnan_v(v); } };
-struct IsPosInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return isinf_v(v) && v > T(0); } };
-struct IsNegInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return isinf_v(v) && v < T(0); } };
+struct IsFinite {
+  template <typename T> TRAMEL_HD bool operator()(T v) const { return !fn::isnan_v(v) && !fn::isinf_v(v); }
+};
+struct IsInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return fn::isinf_v(v); } };
+struct IsNan { template <typename T> TRAMEL_HD bool operator()(T v) const { return fn::isnan_v(v); } };
+struct IsPosInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return fn::isinf_v(v) && v > T(0); } };
+struct IsNegInf { template <typename T> TRAMEL_HD bool operator()(T v) const { return fn::isinf_v(v) && v < T(0); } };
 
 // ---- one-input maths ----
 //
@@ -151,13 +176,13 @@ struct IsNegInf { template <typename T> TRAMEL_HD bool operator()(T v) const { r
 struct Neg { template <typename T> TRAMEL_HD T operator()(T v) const { return T(-v); } };
 struct Abs {
   template <typename T> TRAMEL_HD auto operator()(T v) const {
-    if constexpr (is_complex_v<T>) return std::abs(v);
+    if constexpr (is_complex_v<T>) return std::hypot(v.real(), v.imag());
     else if constexpr (std::is_floating_point_v<T>) return std::fabs(v);
     else if constexpr (std::is_signed_v<T>) return T(v < 0 ? -v : v);
     else return v;
   }
 };
-struct Square { template <typename T> TRAMEL_HD T operator()(T v) const { return mul(v, v); } };
+struct Square { template <typename T> TRAMEL_HD T operator()(T v) const { return fn::mul(v, v); } };
 struct Sqrt { template <typename T> TRAMEL_HD T operator()(T v) const { return std::sqrt(v); } };
 struct Log { template <typename T> TRAMEL_HD T operator()(T v) const { return std::log(v); } };
 struct Tan { template <typename T> TRAMEL_HD T operator()(T v) const { return std::tan(v); } };
@@ -167,13 +192,13 @@ struct Atan { template <typename T> TRAMEL_HD T operator()(T v) const { return s
 struct Sinh { template <typename T> TRAMEL_HD T operator()(T v) const { return std::sinh(v); } };
 struct Cosh { template <typename T> TRAMEL_HD T operator()(T v) const { return std::cosh(v); } };
 struct Tanh { template <typename T> TRAMEL_HD T operator()(T v) const { return std::tanh(v); } };
-struct Conj { template <typename T> TRAMEL_HD T operator()(T v) const { return conj(v); } };
-struct Reciprocal { template <typename T> TRAMEL_HD T operator()(T v) const { return div(T(1), v); } };
+struct Conj { template <typename T> TRAMEL_HD T operator()(T v) const { return fn::conj(v); } };
+struct Reciprocal { template <typename T> TRAMEL_HD T operator()(T v) const { return fn::div(T(1), v); } };
 struct Sign {
   template <typename T> TRAMEL_HD T operator()(T v) const {
     if constexpr (is_complex_v<T>) {
       using R = typename T::value_type;
-      R m = std::abs(v);
+      R m = std::hypot(v.real(), v.imag());
       if (std::isinf(m))  // an infinite part alone sets the direction
         return T(std::isinf(v.real()) ? std::copysign(R(1), v.real()) : R(0),
                  std::isinf(v.imag()) ? std::copysign(R(1), v.imag()) : R(0));
@@ -240,46 +265,54 @@ using Cos = SinCosOf<false>;
 
 // ---- gradient kernels: g times the conjugate of the local derivative ----
 
-struct MultGrad { template <typename T> TRAMEL_HD T operator()(T g, T other) const { return mul(g, conj(other)); } };
-struct DivDxGrad { template <typename T> TRAMEL_HD T operator()(T g, T den) const { return div(g, conj(den)); } };
+struct MultGrad {
+  template <typename T> TRAMEL_HD T operator()(T g, T other) const { return fn::mul(g, fn::conj(other)); }
+};
+struct DivDxGrad {
+  template <typename T> TRAMEL_HD T operator()(T g, T den) const { return fn::div(g, fn::conj(den)); }
+};
 struct DivDyGrad {
-  template <typename T> TRAMEL_HD T operator()(T g, T q, T den) const { return T(-mul(g, conj(div(q, den)))); }
+  template <typename T> TRAMEL_HD T operator()(T g, T q, T den) const {
+    return T(-fn::mul(g, fn::conj(fn::div(q, den))));
+  }
 };
 struct PowBaseGrad {
   template <typename T> TRAMEL_HD T operator()(T g, T x, T y) const {
-    return mul(g, conj(mul(y, Pow{}(x, T(y - T(1))))));
+    return fn::mul(g, fn::conj(fn::mul(y, Pow{}(x, T(y - T(1))))));
   }
 };
 // Where the power is 0 (0^y, y > 0) the limit of out * ln x is 0.
 struct PowExpGrad {
   template <typename T> TRAMEL_HD T operator()(T g, T x, T, T out) const {
-    return out == T(0) ? T(0) : mul(g, conj(mul(out, T(std::log(x)))));
+    return out == T(0) ? T(0) : fn::mul(g, fn::conj(fn::mul(out, T(std::log(x)))));
   }
 };
-struct ExpGrad { template <typename T> TRAMEL_HD T operator()(T g, T y) const { return mul(g, conj(y)); } };
-struct LogGrad { template <typename T> TRAMEL_HD T operator()(T g, T x) const { return div(g, conj(x)); } };
+struct ExpGrad { template <typename T> TRAMEL_HD T operator()(T g, T y) const { return fn::mul(g, fn::conj(y)); } };
+struct LogGrad { template <typename T> TRAMEL_HD T operator()(T g, T x) const { return fn::div(g, fn::conj(x)); } };
 struct SquareGrad {
-  template <typename T> TRAMEL_HD T operator()(T g, T x) const { return mul(T(2), mul(g, conj(x))); }
+  template <typename T> TRAMEL_HD T operator()(T g, T x) const { return fn::mul(T(2), fn::mul(g, fn::conj(x))); }
 };
 struct TanhGrad {
-  template <typename T> TRAMEL_HD T operator()(T g, T y) const { return mul(g, conj(T(T(1) - mul(y, y)))); }
+  template <typename T> TRAMEL_HD T operator()(T g, T y) const { return fn::mul(g, fn::conj(T(T(1) - fn::mul(y, y)))); }
 };
 struct AsinGrad {
   template <typename T> TRAMEL_HD T operator()(T g, T x) const {
-    return mul(g, conj(div(T(1), T(std::sqrt(T(T(1) - mul(x, x)))))));
+    return fn::mul(g, fn::conj(fn::div(T(1), T(std::sqrt(T(T(1) - fn::mul(x, x)))))));
   }
 };
 struct AcosGrad {
   template <typename T> TRAMEL_HD T operator()(T g, T x) const { return T(-AsinGrad{}(g, x)); }
 };
 struct AtanGrad {
-  template <typename T> TRAMEL_HD T operator()(T g, T x) const { return mul(g, conj(div(T(1), T(T(1) + mul(x, x))))); }
+  template <typename T> TRAMEL_HD T operator()(T g, T x) const {
+    return fn::mul(g, fn::conj(fn::div(T(1), T(T(1) + fn::mul(x, x)))));
+  }
 };
 struct SqrtGrad {  // from the forward result y
-  template <typename T> TRAMEL_HD T operator()(T y, T g) const { return div(g, conj(T(y + y))); }
+  template <typename T> TRAMEL_HD T operator()(T y, T g) const { return fn::div(g, fn::conj(T(y + y))); }
 };
 struct TanGrad {  // from the forward result y
-  template <typename T> TRAMEL_HD T operator()(T y, T g) const { return mul(g, conj(T(T(1) + mul(y, y)))); }
+  template <typename T> TRAMEL_HD T operator()(T y, T g) const { return fn::mul(g, fn::conj(T(T(1) + fn::mul(y, y)))); }
 };
 // g where low <= x <= high, else 0.
 template <typename T>

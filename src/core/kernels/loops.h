@@ -1,5 +1,5 @@
-// Generic element-wise loops over the functors of functors.h, and the operand
-// checks every element-wise kernel shares. Included by kernel files only.
+// Generic element-wise loops over the functors of functors.h. Included by
+// kernel files only.
 //
 // Note [vector clones]
 // Wheels must run on any x86-64, so the library is built without -march.
@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "core/kernels/functors.h"
-#include "core/ops.h"
+#include "core/kernels/host_kernels.h"
 #include "core/parallel.h"
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(TRAMEL_NO_CLONES)
@@ -43,19 +43,6 @@ namespace tramel {
 namespace {
 
 template <typename T, typename> using same_t = T;
-
-template <typename T> constexpr DType dtype_of() {
-  if constexpr (std::is_same_v<T, bool>) return DType::Bool;
-  else if constexpr (std::is_same_v<T, uint8_t>) return DType::UInt8;
-  else if constexpr (std::is_same_v<T, int8_t>) return DType::Int8;
-  else if constexpr (std::is_same_v<T, int16_t>) return DType::Int16;
-  else if constexpr (std::is_same_v<T, int32_t>) return DType::Int32;
-  else if constexpr (std::is_same_v<T, int64_t>) return DType::Int64;
-  else if constexpr (std::is_same_v<T, float>) return DType::Float32;
-  else if constexpr (std::is_same_v<T, double>) return DType::Float64;
-  else if constexpr (std::is_same_v<T, c64>) return DType::Complex64;
-  else return DType::Complex128;
-}
 
 // See Note [vector clones].
 template <typename R, typename F, typename... In>
@@ -103,76 +90,13 @@ struct BindRight {
   TRAMEL_HD auto operator()(T a) const { return f(a, b); }
 };
 
-inline std::string device_pair(const Tensor& a, const Tensor& b) {
-  return std::to_string(a.device()) + " and " + std::to_string(b.device());
+// out[i] = f(ins[i]...), the inputs read as T and out as f's result type;
+// the front allocated out with that type's dtype.
+template <typename T, typename F, typename... Ts>
+void map_tensors(Tensor& out, const F& f, const Ts&... ins) {
+  using R = std::decay_t<std::invoke_result_t<const F&, same_t<T, Ts>...>>;
+  map_parallel(out.template data<R>(), out.numel(), f, ins.template data<T>()...);
 }
-
-// Operands of an element-wise kernel: one shape, one device, host memory.
-inline void check_operands(const char* op, const Tensor& first) {
-  require_host_addressable(first.device(), op);
-}
-template <typename... Rest>
-void check_operands(const char* op, const Tensor& first, const Tensor& second, const Rest&... rest) {
-  if (first.shape() != second.shape())
-    fail(ErrorKind::Value, op, "shapes differ: " + first.shape().str() + " and " + second.shape().str());
-  if (first.device() != second.device())
-    fail(ErrorKind::Runtime, op, "tensors are on different devices: " + device_pair(first, second));
-  check_operands(op, first, rest...);
-}
-
-// Converts the inputs to `compute`, dispatches on it over `Set`, and returns
-// f applied element by element; the result's dtype is the functor's result type.
-template <DTypeSet Set, typename F, typename... Ts>
-Tensor map_tensors(const char* op, const F& f, DType compute, const Ts&... ins) {
-  auto conv = std::make_tuple(to_dtype(ins, compute, false)...);
-  const Tensor& first = std::get<0>(conv);
-  Tensor out;
-  dispatch<Set>(compute, op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    using R = std::decay_t<std::invoke_result_t<const F&, same_t<T, Ts>...>>;
-    out = Tensor::empty(first.shape(), dtype_of<R>(), first.device(), op);
-    R* o = out.template data<R>();
-    int64_t n = out.numel();
-    std::apply([&](const auto&... c) { map_parallel(o, n, f, c.template data<T>()...); }, conv);
-  });
-  return out;
-}
-
-// f(t[i], s) with the host number s converted to `compute`.
-template <DTypeSet Set, typename F>
-Tensor map_scalar(const char* op, const F& f, DType compute, const Tensor& t, const Scalar& s) {
-  Tensor x = to_dtype(t, compute, false);
-  Tensor out;
-  dispatch<Set>(compute, op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    BindRight<F, T> g{f, s.to<T>()};
-    using R = std::decay_t<decltype(g(T()))>;
-    out = Tensor::empty(x.shape(), dtype_of<R>(), x.device(), op);
-    map_parallel(out.template data<R>(), out.numel(), g, x.template data<T>());
-  });
-  return out;
-}
-
-// The dtype of t combined with a weak host number: the tensor's, unless the
-// number is of a higher category (see ops.h).
-inline DType weak_promote(DType t, const Scalar& s) {
-  switch (s.kind) {
-    case Scalar::Kind::Bool: return t;
-    case Scalar::Kind::Int: return t == DType::Bool ? DType::Int64 : t;
-    case Scalar::Kind::Float: return is_floating(t) || is_complex(t) ? t : default_dtype();
-    case Scalar::Kind::Complex: break;
-  }
-  if (is_complex(t)) return t;
-  if (t == DType::Float32) return DType::Complex64;
-  if (t == DType::Float64) return DType::Complex128;
-  return default_complex_dtype();
-}
-
-// Functions defined only on floating and complex numbers take integers and
-// bools in the default floating dtype.
-inline DType floating_compute(DType d) { return is_floating(d) || is_complex(d) ? d : default_dtype(); }
-
-template <DTypeSet S> using SetC = std::integral_constant<DTypeSet, S>;
 
 }  // namespace
 }  // namespace tramel

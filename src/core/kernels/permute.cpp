@@ -1,5 +1,5 @@
-// Axis order: transposes and flips, as new contiguous tensors. Neither looks
-// at element values, so both copy elements as raw bits of their width.
+// Host kernels of transposes and flips. Neither looks at element values, so
+// both copy elements as raw bits of their width.
 #include <cstring>
 #include <vector>
 
@@ -23,12 +23,6 @@ void dispatch_bits(const Tensor& t, const char* op, F&& fn) {
     using T = typename decltype(tag)::type;
     fn(TypeTag<bits_t<sizeof(T)>>{});
   });
-}
-
-std::string list_str(const std::vector<int64_t>& v) {
-  std::string s = "[";
-  for (size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + std::to_string(v[i]);
-  return s + "]";
 }
 
 // A permutation with axes of length one dropped and axes that stay adjacent
@@ -134,65 +128,27 @@ TRAMEL_BODY void reverse_copy_body(const U* in, U* out, int64_t n) {
 }
 TRAMEL_VECTORIZE(reverse_copy)
 
-}  // namespace
-
-Tensor transpose(const Tensor& t, const std::vector<int64_t>& dims) {
-  const char* op = "transpose";
-  int ndim = t.ndim();
-  if (dims.size() != size_t(ndim))
-    fail(ErrorKind::Value, op, "dims " + list_str(dims) + " do not match the rank of shape " + t.shape().str());
-  int perm[kMaxRank];
-  bool seen[kMaxRank] = {};
-  int64_t out_dims[kMaxRank];
-  for (int i = 0; i < ndim; ++i) {
-    int a = int(wrap_axis(dims[size_t(i)], ndim, op, t.shape()));
-    if (seen[a]) fail(ErrorKind::Value, op, "axis " + std::to_string(dims[size_t(i)]) + " is repeated in dims " + list_str(dims));
-    seen[a] = true;
-    perm[i] = a;
-    out_dims[i] = t.shape()[a];
-  }
-  require_host_addressable(t.device(), op);
-  Tensor out = Tensor::empty(Shape(out_dims, ndim, op), t.dtype(), t.device(), op);
-  if (out.numel() == 0) return out;
-  Coalesced c = coalesce(t.shape(), perm, ndim);
+// out (not empty) is in with its axes in the order perm.
+void transpose(const Tensor& t, Tensor& out, const int* perm) {
+  Coalesced c = coalesce(t.shape(), perm, t.ndim());
   if (c.rank <= 1) {  // the same element order
     std::memcpy(out.raw(), t.raw(), t.nbytes());
-    return out;
+    return;
   }
-  dispatch_bits(t, op, [&](auto tag) {
+  dispatch_bits(t, "transpose", [&](auto tag) {
     using U = typename decltype(tag)::type;
     transpose_copy(static_cast<const U*>(t.raw()), static_cast<U*>(out.raw()), c);
   });
-  return out;
 }
 
-Tensor swapaxis(const Tensor& t, int64_t axis1, int64_t axis2) {
-  const char* op = "swapaxis";
-  int64_t a = wrap_axis(axis1, t.ndim(), op, t.shape()), b = wrap_axis(axis2, t.ndim(), op, t.shape());
-  std::vector<int64_t> perm(size_t(t.ndim()));
-  for (int i = 0; i < t.ndim(); ++i) perm[size_t(i)] = i;
-  std::swap(perm[size_t(a)], perm[size_t(b)]);
-  return transpose(t, perm);
-}
-
-Tensor flip(const Tensor& t, const std::vector<int64_t>& dims) {
-  const char* op = "flip";
-  int ndim = t.ndim();
-  bool flipped[kMaxRank] = {};
-  for (int64_t d : dims) {
-    int64_t a = wrap_axis(d, ndim, op, t.shape());
-    if (flipped[a]) fail(ErrorKind::Value, op, "axis " + std::to_string(d) + " is repeated in " + list_str(dims));
-    flipped[a] = true;
-  }
-  require_host_addressable(t.device(), op);
-  Tensor out = Tensor::empty(t.shape(), t.dtype(), t.device(), op);
-  if (out.numel() == 0) return out;
+// out (not empty) is t reversed along the axes flagged in `flipped`.
+void flip(const Tensor& t, Tensor& out, const bool* flipped) {
   // Axes of length one drop out; neighbours flipped alike merge, since
   // reversing both of two adjacent axes reverses their product.
   int64_t d[kMaxRank];
   bool f[kMaxRank];
   int m = 0;
-  for (int i = 0; i < ndim; ++i) {
+  for (int i = 0; i < t.ndim(); ++i) {
     if (t.shape()[i] == 1) continue;
     if (m > 0 && f[m - 1] == flipped[i]) d[m - 1] *= t.shape()[i];
     else d[m] = t.shape()[i], f[m] = flipped[i], ++m;
@@ -201,9 +157,9 @@ Tensor flip(const Tensor& t, const std::vector<int64_t>& dims) {
   for (int i = 0; i < m; ++i) any = any || f[i];
   if (!any) {
     std::memcpy(out.raw(), t.raw(), t.nbytes());
-    return out;
+    return;
   }
-  dispatch_bits(t, op, [&](auto tag) {
+  dispatch_bits(t, "flip", [&](auto tag) {
     using U = typename decltype(tag)::type;
     const U* in = static_cast<const U*>(t.raw());
     U* o = static_cast<U*>(out.raw());
@@ -223,7 +179,13 @@ Tensor flip(const Tensor& t, const std::vector<int64_t>& dims) {
       }
     });
   });
-  return out;
+}
+
+}  // namespace
+
+void add_permute_kernels(Kernels& k) {
+  k.transpose = transpose;
+  k.flip = flip;
 }
 
 }  // namespace tramel

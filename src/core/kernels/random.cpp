@@ -1,19 +1,12 @@
-// Random fills from one counter-based generator (Philox 4x32-10).
-//
-// Element i of a fill draws from counter (offset + i), so a fill gives the
-// same values on one thread or many, and the process-wide offset advances by
-// the number of elements after each fill. manual_seed resets both key and offset.
-#include <atomic>
+// Host kernels of the random fills: Philox 4x32-10 draws from the counters
+// the front reserved (ops/random.cpp).
 #include <cmath>
 
-#include "core/ops.h"
+#include "core/kernels/host_kernels.h"
 #include "core/parallel.h"
 
 namespace tramel {
 namespace {
-
-std::atomic<uint64_t> g_seed{0x853c49e6748fea9bULL};
-std::atomic<uint64_t> g_offset{0};
 
 struct Draw {
   uint32_t x[4];
@@ -40,13 +33,10 @@ inline double unit(uint32_t hi, uint32_t lo) {
   return double((uint64_t(hi) << 21) ^ (lo >> 11)) * (1.0 / 9007199254740992.0) ;
 }
 
-// Reserves n counters and calls f(T*, counter_base, key) to fill a tensor.
+// Sets element i of t to per_element(TypeTag<T>, draw of counter base + i).
 template <typename F>
-void fill_random(Tensor& t, const char* op, F&& per_element) {
-  require_host_addressable(t.device(), op);
-  t.make_storage_unique();
-  uint64_t key = g_seed.load(std::memory_order_relaxed);
-  uint64_t base = g_offset.fetch_add(uint64_t(t.numel()), std::memory_order_relaxed);
+void fill_random(Tensor& t, RandomStream stream, const char* op, F&& per_element) {
+  uint64_t key = stream.key, base = stream.base;
   dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* d = t.data<T>();
@@ -59,16 +49,9 @@ void fill_random(Tensor& t, const char* op, F&& per_element) {
   });
 }
 
-}  // namespace
-
-void manual_seed(uint64_t seed) {
-  g_seed.store(seed, std::memory_order_relaxed);
-  g_offset.store(0, std::memory_order_relaxed);
-}
-
-void fill_uniform_(Tensor& t, double low, double high) {
+void uniform(Tensor& t, RandomStream stream, double low, double high) {
   double scale = high - low;
-  fill_random(t, "fill_rand_uniform_", [=](auto tag, const Draw& r) {
+  fill_random(t, stream, "fill_rand_uniform_", [=](auto tag, const Draw& r) {
     using T = typename decltype(tag)::type;
     double re = low + scale * unit(r.x[0], r.x[1]);
     if constexpr (is_complex_v<T>)
@@ -78,10 +61,9 @@ void fill_uniform_(Tensor& t, double low, double high) {
   });
 }
 
-void fill_normal_(Tensor& t, double mean, double stddev, bool fast_math) {
+void normal(Tensor& t, RandomStream stream, double mean, double stddev, bool single) {
   constexpr double kTwoPi = 6.283185307179586;
-  bool single = fast_math && t.dtype() == DType::Float32;
-  fill_random(t, "fill_rand_normal_", [=](auto tag, const Draw& r) {
+  fill_random(t, stream, "fill_rand_normal_", [=](auto tag, const Draw& r) {
     using T = typename decltype(tag)::type;
     // Box-Muller: two uniforms give a pair of independent normal draws.
     double u1 = 1.0 - unit(r.x[0], r.x[1]), u2 = unit(r.x[2], r.x[3]);
@@ -99,23 +81,19 @@ void fill_normal_(Tensor& t, double mean, double stddev, bool fast_math) {
   });
 }
 
-void fill_binary_(Tensor& t, double threshold) {
-  fill_random(t, "fill_rand_binary_", [=](auto tag, const Draw& r) {
+void bernoulli(Tensor& t, RandomStream stream, double threshold) {
+  fill_random(t, stream, "fill_rand_binary_", [=](auto tag, const Draw& r) {
     using T = typename decltype(tag)::type;
     return cast_value<T>(int(unit(r.x[0], r.x[1]) >= threshold));
   });
 }
 
-Tensor randu(const Shape& shape, double low, double high, int device, DType dtype) {
-  Tensor t = Tensor::empty(shape, dtype, device, "randu");
-  fill_uniform_(t, low, high);
-  return t;
-}
+}  // namespace
 
-Tensor randn(const Shape& shape, double mean, double stddev, int device, DType dtype) {
-  Tensor t = Tensor::empty(shape, dtype, device, "randn");
-  fill_normal_(t, mean, stddev, false);
-  return t;
+void add_random_kernels(Kernels& k) {
+  k.random_uniform = uniform;
+  k.random_normal = normal;
+  k.random_binary = bernoulli;
 }
 
 }  // namespace tramel

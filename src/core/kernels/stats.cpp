@@ -1,5 +1,5 @@
-// Extrema, medians, variances and running sums over axes. The loop layout
-// is that of the sums (Note [reduction layout]).
+// Host kernels of extrema, medians, variances and running sums over axes.
+// The loop layout is that of the sums (Note [reduction layout]).
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -8,24 +8,6 @@
 
 namespace tramel {
 namespace {
-
-// The reduced axes as one trailing run: t itself when they already are,
-// otherwise a transposed copy. Sets outer and r of the [outer, r] layout.
-Tensor reduced_last(const Tensor& t, const Plan& p, int64_t* outer, int64_t* r) {
-  std::vector<int64_t> perm;
-  for (int i = 0; i < t.ndim(); ++i)
-    if (!p.reduced[i]) perm.push_back(i);
-  *outer = 1;
-  for (int64_t i : perm) *outer *= t.shape()[int(i)];
-  *r = p.count;
-  bool in_order = true;
-  for (size_t i = 0; i < perm.size(); ++i) in_order = in_order && perm[i] == int64_t(i);
-  if (in_order) return t;
-  for (int i = 0; i < t.ndim(); ++i)
-    if (p.reduced[i]) perm.push_back(i);
-  return transpose(t, perm);
-}
-
 
 // ---- min and max ----
 
@@ -73,7 +55,7 @@ T fold_run(const T* x, int64_t n, F f) {
 }
 
 template <typename T, typename F>
-void extremum_pass(const T* x, T* out, int64_t outer, int64_t r, int64_t inner, F f) {
+void extremum_block(const T* x, T* out, int64_t outer, int64_t r, int64_t inner, F f) {
   if (inner > 1) {
     fold_columns(x, out, outer, r, inner, f);
   } else if (outer == 1) {
@@ -86,18 +68,10 @@ void extremum_pass(const T* x, T* out, int64_t outer, int64_t r, int64_t inner, 
 }
 
 template <bool Max>
-Tensor extremum(const Tensor& t, const Plan& p) {
-  const char* op = Max ? "max" : "min";
-  check_operands(op, t);
-  if (is_complex(t.dtype())) fail_dtype(op, t.dtype());
-  if (p.count == 0)
-    fail(ErrorKind::Value, op, "cannot reduce an empty axis of shape " + t.shape().str() + ": there is no identity");
-  return reduce_runs(t, p, t.dtype(), op, [&](const Tensor& cur, Tensor& next, int64_t outer, int64_t r,
-                                               int64_t inner) {
-    dispatch<kRealTypes>(cur.dtype(), op, [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      extremum_pass(cur.data<T>(), next.data<T>(), outer, r, inner, Extremum<Max>{});
-    });
+void extremum_pass(const Tensor& in, Tensor& out, int64_t outer, int64_t r, int64_t inner) {
+  dispatch<kRealTypes>(in.dtype(), Max ? "max" : "min", [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    extremum_block(in.data<T>(), out.data<T>(), outer, r, inner, Extremum<Max>{});
   });
 }
 
@@ -156,47 +130,12 @@ void spread_pass(const T* x, R* out, int64_t outer, int64_t r, int64_t inner, do
   });
 }
 
-DType real_dtype(DType d) {
-  return d == DType::Complex64 ? DType::Float32 : d == DType::Complex128 ? DType::Float64 : d;
-}
-
-// Whether the reduced axes of p form one run; sets its [outer, r, inner].
-bool one_run(const Tensor& t, const Plan& p, int64_t* outer, int64_t* r, int64_t* inner) {
-  int first = -1, last = -1;
-  for (int i = 0; i < t.ndim(); ++i)
-    if (p.reduced[i]) {
-      if (first < 0) first = i;
-      else if (last != i - 1) return false;
-      last = i;
-    }
-  *outer = *r = *inner = 1;
-  for (int i = 0; i < t.ndim(); ++i)
-    (i < first ? *outer : i <= last ? *r : *inner) *= t.shape()[i];
-  return true;
-}
-
-template <bool Sqrt>
-Tensor spread(const Tensor& t, const Plan& p, bool unbiased) {
-  const char* op = Sqrt ? "std" : "var";
-  check_operands(op, t);
-  Tensor x = to_dtype(t, floating_compute(t.dtype()), false);
-  Tensor out = Tensor::empty(p.out, real_dtype(x.dtype()), t.device(), op);
-  if (out.numel() == 0) return out;
-  if (p.count == 0) {  // no elements: 0 / 0, as numpy
-    fill_(out, Scalar::from_double(std::numeric_limits<double>::quiet_NaN()));
-    return out;
-  }
-  int64_t outer, r, inner;
-  if (!one_run(x, p, &outer, &r, &inner)) {
-    x = reduced_last(x, p, &outer, &r);
-    inner = 1;
-  }
-  double divisor = double(std::max<int64_t>(p.count - (unbiased ? 1 : 0), 0));
-  dispatch<kFloatingTypes | kComplexTypes>(x.dtype(), op, [&](auto tag) {
+void spread(const Tensor& x, Tensor& out, int64_t outer, int64_t r, int64_t inner, double divisor, bool sqrt) {
+  dispatch<kFloatingTypes | kComplexTypes>(x.dtype(), sqrt ? "std" : "var", [&](auto tag) {
     using T = typename decltype(tag)::type;
-    spread_pass<Sqrt>(x.data<T>(), out.data<fn::real_of_t<T>>(), outer, r, inner, divisor);
+    if (sqrt) spread_pass<true>(x.data<T>(), out.data<fn::real_of_t<T>>(), outer, r, inner, divisor);
+    else spread_pass<false>(x.data<T>(), out.data<fn::real_of_t<T>>(), outer, r, inner, divisor);
   });
-  return out;
 }
 
 // ---- median ----
@@ -218,20 +157,9 @@ auto row_median(T* row, int64_t n) {
   return V((lo + hi) / V(2));
 }
 
-Tensor median_of(const Tensor& t, const Plan& p) {
+void median(Tensor& work, Tensor& out, int64_t outer, int64_t r) {
   const char* op = "median";
-  check_operands(op, t);
-  if (is_complex(t.dtype())) fail_dtype(op, t.dtype());
-  Tensor out = Tensor::empty(p.out, is_floating(t.dtype()) ? t.dtype() : default_dtype(), t.device(), op);
-  if (out.numel() == 0) return out;
-  if (p.count == 0) {  // the median of nothing, as numpy
-    fill_(out, Scalar::from_double(std::numeric_limits<double>::quiet_NaN()));
-    return out;
-  }
-  int64_t outer, r;
-  Tensor work = reduced_last(t, p, &outer, &r);
-  if (work.storage() == t.storage()) work = to_device(t, t.device(), op);  // reordered in place below
-  dispatch<kRealTypes>(t.dtype(), op, [&](auto tag) {
+  dispatch<kRealTypes>(work.dtype(), op, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* w = work.data<T>();
     dispatch<kFloatingTypes>(out.dtype(), op, [&](auto otag) {
@@ -242,7 +170,6 @@ Tensor median_of(const Tensor& t, const Plan& p) {
       });
     });
   });
-  return out;
 }
 
 // ---- running sums ----
@@ -305,16 +232,8 @@ TRAMEL_BODY void scan_rows_body(std::bool_constant<Rev>, const In* x, A* out, in
 TRAMEL_VECTORIZE(scan_rows)
 
 template <bool Rev>
-Tensor running_sum(const Tensor& t, int64_t axis, const char* op) {
-  check_operands(op, t);
-  // A rank-0 tensor has the one implicit axis of its one element.
-  int64_t a = wrap_axis(axis, std::max(t.ndim(), 1), op, t.shape());
-  Tensor out = Tensor::empty(t.shape(), sum_dtype(t.dtype()), t.device(), op);
-  if (out.numel() == 0) return out;
-  int64_t outer = 1, r = t.ndim() ? t.shape()[int(a)] : 1, inner = 1;
-  for (int i = 0; i < a; ++i) outer *= t.shape()[i];
-  for (int i = int(a) + 1; i < t.ndim(); ++i) inner *= t.shape()[i];
-  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
+void scan(const Tensor& t, Tensor& out, int64_t outer, int64_t r, int64_t inner) {
+  dispatch<kAllTypes>(t.dtype(), Rev ? "cumsumgrad" : "cumsum", [&](auto tag) {
     using In = typename decltype(tag)::type;
     using A = acc_t<In>;
     const In* x = t.data<In>();
@@ -330,39 +249,26 @@ Tensor running_sum(const Tensor& t, int64_t axis, const char* op) {
     parallel_for(outer * cblocks, grain, [&](int64_t b, int64_t e) {
       for (int64_t w = b; w < e; ++w) {
         int64_t k = w / cblocks, c = (w % cblocks) * kColumnBlock;
-        scan_rows(std::bool_constant<Rev>{}, x + k * r * inner + c, o + k * r * inner + c, r, inner, std::min(kColumnBlock, inner - c));
+        scan_rows(std::bool_constant<Rev>{}, x + k * r * inner + c, o + k * r * inner + c, r, inner,
+                  std::min(kColumnBlock, inner - c));
       }
     });
   });
-  return out;
+}
+
+void cumsum(const Tensor& t, Tensor& out, int64_t outer, int64_t r, int64_t inner, bool reverse) {
+  if (reverse) scan<true>(t, out, outer, r, inner);
+  else scan<false>(t, out, outer, r, inner);
 }
 
 }  // namespace
 
-Tensor min(const Tensor& t) { return one_element(extremum<false>(t, plan_all(t, "min")), "min"); }
-Tensor min(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
-  return extremum<false>(t, plan_axes(t, axes, keepdims, "min"));
+void add_stats_kernels(Kernels& k) {
+  k.min_pass = extremum_pass<false>;
+  k.max_pass = extremum_pass<true>;
+  k.spread_pass = spread;
+  k.median = median;
+  k.cumsum = cumsum;
 }
-Tensor max(const Tensor& t) { return one_element(extremum<true>(t, plan_all(t, "max")), "max"); }
-Tensor max(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
-  return extremum<true>(t, plan_axes(t, axes, keepdims, "max"));
-}
-
-Tensor median(const Tensor& t) { return one_element(median_of(t, plan_all(t, "median")), "median"); }
-Tensor median(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims) {
-  return median_of(t, plan_axes(t, axes, keepdims, "median"));
-}
-
-Tensor var(const Tensor& t, bool unbiased) { return one_element(spread<false>(t, plan_all(t, "var"), unbiased), "var"); }
-Tensor var(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased) {
-  return spread<false>(t, plan_axes(t, axes, keepdims, "var"), unbiased);
-}
-Tensor std(const Tensor& t, bool unbiased) { return one_element(spread<true>(t, plan_all(t, "std"), unbiased), "std"); }
-Tensor std(const Tensor& t, const std::vector<int64_t>& axes, bool keepdims, bool unbiased) {
-  return spread<true>(t, plan_axes(t, axes, keepdims, "std"), unbiased);
-}
-
-Tensor cumsum(const Tensor& t, int64_t axis) { return running_sum<false>(t, axis, "cumsum"); }
-Tensor cumsum_grad(const Tensor& g, int64_t axis) { return running_sum<true>(g, axis, "cumsumgrad"); }
 
 }  // namespace tramel

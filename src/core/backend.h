@@ -1,0 +1,219 @@
+// The seam between what an operation computes and where it runs.
+//
+// Note [backend seam]
+// Every operation of ops.h is a front and one or more kernels. The front is
+// device-independent: it validates its arguments, promotes dtypes, works out
+// the result's shape, allocates the result on the operands' device and hands
+// everything to a kernel. It never reads or writes elements itself. A kernel
+// only computes: it gets validated, allocated tensors (or a host pointer and
+// a size where the other side is user memory) and writes its results.
+//
+// Kernels are found through the operand's storage: each Storage points at the
+// Backend that allocated it, and each Backend holds a Kernels table, a struct
+// of typed function pointers with one slot per kernel (one per operation for
+// the element-wise families, indexed by their op enum). A call is therefore a
+// load from the table and an indirect call. A slot may be empty: the front
+// then fails with "[op] not available on device N", so a backend may serve
+// part of the engine.
+//
+// Backends are registered for a range of device numbers with
+// register_backend(); the registry also holds the processor backend (device
+// 0) and, when PYTRAMEL_EMULATED_ACCELERATORS=N is set at load, the emulated
+// accelerators (devices 1000..1000+N-1). Both fill their tables with the host
+// kernels (host_kernels()), since both keep elements in host memory.
+//
+// The emulated accelerators are strict, so that a test on device 1000 shows
+// that an operation really went through its device's table:
+//  - their memory is not host-addressable (host_addressable() is false), so
+//    nothing that hands out host pointers (DLPack) accepts it, and their
+//    buffers never share an allocation with the Storage header;
+//  - their table holds counting wrappers around the host kernels, so a test
+//    can see which kernels ran and can empty one slot for a while;
+//  - every buffer is followed by guard bytes of a fixed pattern, checked
+//    when it is freed (and on request); a damaged guard is counted and
+//    reported on stderr. See backend/emulated.h.
+//
+// Copies between devices are backend calls (copy_bytes below), not kernels:
+// a backend moves bytes to and from host memory and between its own devices.
+// Dtype conversion on a device is a kernel (convert).
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "core/op_table.h"
+#include "core/ops.h"
+
+namespace tramel {
+
+// ---- kernel signatures ----
+
+// Element-wise maps with one input, and kernels whose only operand is read
+// whole (dtype conversion, broadcasting, arg-extrema).
+using MapKernel = void (*)(const Tensor& in, Tensor& out);
+// Reads external host memory with byte strides into `dst` (a processor tensor).
+using ImportKernel = void (*)(const void* src, DType src_dtype, const int64_t* byte_strides, Tensor& dst);
+// Writes src's elements, converted to `dtype`, to host memory at `dst`.
+using ExportKernel = void (*)(const Tensor& src, DType dtype, void* dst);
+
+using FillKernel = void (*)(Tensor& t, const Scalar& value);
+using ZeroKernel = void (*)(Tensor& t);
+using ArangeKernel = void (*)(Tensor& t, double start, double step);
+using LinspaceKernel = void (*)(Tensor& t, double start, double end);
+using LogspaceKernel = void (*)(Tensor& t, double start, double end, double base);
+using EyeKernel = void (*)(Tensor& t, int64_t offset);
+// A 2-D `src`: its diagonal k, zeros elsewhere; a 1-D `src`: the square
+// matrix with src on diagonal k.
+using DiagKernel = void (*)(const Tensor& src, Tensor& out, int64_t k);
+
+// Element i of a random fill draws from counter base + i of the generator's
+// stream `key` (see random.cpp).
+struct RandomStream {
+  uint64_t key, base;
+};
+using UniformKernel = void (*)(Tensor& t, RandomStream s, double low, double high);
+// `single`: the radius of Box-Muller in float (fast_math for float32).
+using NormalKernel = void (*)(Tensor& t, RandomStream s, double mean, double stddev, bool single);
+using BernoulliKernel = void (*)(Tensor& t, RandomStream s, double threshold);
+
+// Operands already in the computing dtype; the result's dtype is the op's.
+using BinaryKernel = void (*)(const Tensor& a, const Tensor& b, Tensor& out);
+using BinaryScalarKernel = void (*)(const Tensor& a, const Scalar& b, Tensor& out);
+// In place on a; b is in a's dtype.
+using InPlaceKernel = void (*)(Tensor& a, const Tensor& b);
+using InPlaceScalarKernel = void (*)(Tensor& a, const Scalar& b);
+// ins[0..arity) in out's dtype.
+using GradKernel = void (*)(const Tensor* const* ins, Tensor& out);
+using ClampKernel = void (*)(const Tensor& x, double low, double high, Tensor& out);
+using ClampGradKernel = void (*)(const Tensor& x, const Tensor& g, double low, double high, Tensor& out);
+
+// Reductions see their input as an [outer, r, inner] block (Note [reduction
+// layout]) and write [outer, inner].
+using PassKernel = void (*)(const Tensor& in, Tensor& out, int64_t outer, int64_t r, int64_t inner);
+using SpreadKernel = void (*)(const Tensor& x, Tensor& out, int64_t outer, int64_t r, int64_t inner,
+                              double divisor, bool sqrt);
+// Reorders `work` ([outer, r]) while it finds the median of each row.
+using MedianKernel = void (*)(Tensor& work, Tensor& out, int64_t outer, int64_t r);
+using ScanKernel = void (*)(const Tensor& in, Tensor& out, int64_t outer, int64_t r, int64_t inner, bool reverse);
+// Every element of out is g's one element divided by `count`.
+using MeanFillKernel = void (*)(const Tensor& g, Tensor& out, double count);
+using SoftmaxGradKernel = void (*)(const Tensor& g, const Tensor& y, Tensor& out, int64_t outer, int64_t r,
+                                   int64_t inner);
+using PredicateKernel = bool (*)(const Tensor& t);
+using NormKernel = double (*)(const Tensor& t);
+// The index of the first extremum within each block of the axes flagged in `reduced`.
+using ArgAxesKernel = void (*)(const Tensor& t, Tensor& out, const bool* reduced);
+
+// Axis i of out is axis perm[i] of in.
+using TransposeKernel = void (*)(const Tensor& in, Tensor& out, const int* perm);
+using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
+
+// The slots of a kernel table: TRAMEL_KERNEL_SLOTS(ONE, MANY) expands
+// ONE(name, type) for a single kernel and MANY(name, type, count, info) for
+// one kernel per operation of an op enum, `info` being the op's row table.
+#define TRAMEL_KERNEL_SLOTS(ONE, MANY)                                   \
+  ONE(convert, MapKernel)                                                \
+  ONE(import_strided, ImportKernel)                                      \
+  ONE(export_host, ExportKernel)                                         \
+  ONE(fill, FillKernel)                                                  \
+  ONE(zero, ZeroKernel)                                                  \
+  ONE(arange, ArangeKernel)                                              \
+  ONE(linspace, LinspaceKernel)                                          \
+  ONE(logspace, LogspaceKernel)                                          \
+  ONE(eye, EyeKernel)                                                    \
+  ONE(diag, DiagKernel)                                                  \
+  ONE(random_uniform, UniformKernel)                                     \
+  ONE(random_normal, NormalKernel)                                       \
+  ONE(random_binary, BernoulliKernel)                                    \
+  MANY(binary, BinaryKernel, kBinaryOps, kBinaryInfo)                    \
+  MANY(binary_scalar, BinaryScalarKernel, kBinaryOps, kBinaryInfo)       \
+  MANY(binary_inplace, InPlaceKernel, kBinaryOps, kBinaryInfo)           \
+  MANY(binary_scalar_inplace, InPlaceScalarKernel, kBinaryOps, kBinaryInfo) \
+  MANY(compare, BinaryKernel, kCompareOps, kCompareInfo)                 \
+  MANY(compare_scalar, BinaryScalarKernel, kCompareOps, kCompareInfo)    \
+  ONE(logical_not, MapKernel)                                            \
+  MANY(classify, MapKernel, kClassifyOps, kClassifyInfo)                 \
+  ONE(clamp, ClampKernel)                                                \
+  ONE(clamp_grad, ClampGradKernel)                                       \
+  MANY(unary, MapKernel, kUnaryOps, kUnaryInfo)                          \
+  MANY(gradient, GradKernel, kGradOps, kGradInfo)                        \
+  ONE(sum_pass, PassKernel)                                              \
+  ONE(mean_fill, MeanFillKernel)                                         \
+  ONE(log_softmax, PassKernel)                                           \
+  ONE(log_softmax_grad, SoftmaxGradKernel)                               \
+  ONE(min_pass, PassKernel)                                              \
+  ONE(max_pass, PassKernel)                                              \
+  ONE(spread_pass, SpreadKernel)                                         \
+  ONE(median, MedianKernel)                                              \
+  ONE(cumsum, ScanKernel)                                                \
+  ONE(all, PredicateKernel)                                              \
+  ONE(any, PredicateKernel)                                              \
+  ONE(l2_norm, NormKernel)                                               \
+  ONE(argmax, MapKernel)                                                 \
+  ONE(argmin, MapKernel)                                                 \
+  ONE(argmax_axes, ArgAxesKernel)                                        \
+  ONE(argmin_axes, ArgAxesKernel)                                        \
+  ONE(broadcast, MapKernel)                                              \
+  ONE(transpose, TransposeKernel)                                        \
+  ONE(flip, FlipKernel)
+
+// A backend's kernels; an empty slot is a kernel the backend does not have.
+struct Kernels {
+#define TRAMEL_KERNEL_ONE(name, type) type name = nullptr;
+#define TRAMEL_KERNEL_MANY(name, type, count, info) type name[count] = {};
+  TRAMEL_KERNEL_SLOTS(TRAMEL_KERNEL_ONE, TRAMEL_KERNEL_MANY)
+#undef TRAMEL_KERNEL_ONE
+#undef TRAMEL_KERNEL_MANY
+};
+
+// The kernels that run on host memory, one table for the whole process.
+const Kernels& host_kernels();
+
+// ---- backends ----
+
+class Backend {
+ public:
+  Backend(const char* name, bool host_addressable) : name_(name), host_addressable_(host_addressable) {}
+  virtual ~Backend() = default;
+
+  const char* name() const { return name_; }
+  // Whether host code may address this backend's memory directly (and hand
+  // pointers to it out, as DLPack does).
+  bool host_addressable() const { return host_addressable_; }
+  const Kernels& kernels() const { return kernels_; }
+
+  // nullptr when out of memory.
+  virtual void* allocate(size_t nbytes, int device) = 0;
+  virtual void deallocate(void* ptr, size_t nbytes, int device) = 0;
+  virtual void copy_from_host(void* dst, int device, const void* src, size_t nbytes) = 0;
+  virtual void copy_to_host(void* dst, const void* src, int device, size_t nbytes) = 0;
+  // Within one device or between two devices of this backend.
+  virtual void copy_on_device(void* dst, int dst_device, const void* src, int src_device, size_t nbytes) = 0;
+
+ protected:
+  Kernels kernels_;
+
+ private:
+  const char* name_;
+  bool host_addressable_;
+};
+
+// Serves devices first..first+count-1 with `backend` from now on; it must
+// outlive every tensor on them. Fails when a device is already served.
+void register_backend(int first_device, int count, Backend& backend);
+
+// The kernel table of t's device.
+inline const Kernels& kernels_of(const Tensor& t) { return t.storage()->backend().kernels(); }
+
+[[noreturn]] void fail_no_kernel(const char* op, int device);
+
+// `kernel`, a slot of t's device's table, or the failure for an empty slot.
+template <typename K>
+inline K need(K kernel, const Tensor& t, const char* op) {
+  if (__builtin_expect(kernel == nullptr, 0)) fail_no_kernel(op, t.device());
+  return kernel;
+}
+
+// Copies src's bytes into dst (of equal size) across devices and backends.
+void copy_bytes(const Tensor& src, Tensor& dst);
+
+}  // namespace tramel
