@@ -4,7 +4,7 @@
 
 namespace tramel::tensor {
 
-void Dims::push_back(int64_t v) {
+void InlineInts::push_back(int64_t v) {
   if (n_ == kMaxRank)
     fail(ErrorKind::Value, "backward", "an operator keeps at most " + std::to_string(kMaxRank) + " axes for its gradient");
   v_[n_++] = v;

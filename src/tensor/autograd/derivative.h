@@ -62,11 +62,11 @@ const Derivatives& derivatives_of(const char* op);
 
 // A short list of integers held inline (axes, a permutation, repeats):
 // bounded by the largest rank, and adding past it is an error, not an overrun.
-class Dims {
+class InlineInts {
  public:
-  Dims() = default;
-  Dims(std::initializer_list<int64_t> values) { assign(values.begin(), values.end()); }
-  explicit Dims(const std::vector<int64_t>& values) { assign(values.data(), values.data() + values.size()); }
+  InlineInts() = default;
+  InlineInts(std::initializer_list<int64_t> values) { assign(values.begin(), values.end()); }
+  explicit InlineInts(const std::vector<int64_t>& values) { assign(values.data(), values.data() + values.size()); }
   void push_back(int64_t v);
   int64_t operator[](size_t i) const { return v_[i]; }
   size_t size() const { return size_t(n_); }
@@ -111,7 +111,7 @@ class Derivative {
   void save_result(const Tensor& result) { result_ = result; }
 
   // Parameters of the operator that the formula reads.
-  Dims axes;                  // axes, a permutation, repeats
+  InlineInts axes;                  // axes, a permutation, repeats
   double bounds[2] = {0, 0};  // clip
   bool unbiased = false;      // std, var
 

@@ -110,6 +110,16 @@ void record_one_input(nb::handle y, nb::handle t, const char* link, const char* 
   });
 }
 
+void record_appended(nb::handle t, nb::handle y, const char* opname, const char* opid_infix, const std::string& link,
+                     const char* key, nb::handle value) {
+  record_gated(y, [&](QTensor& out) {
+    append_links(out, {{t, LazyLabel(), &link}});
+    nb::dict attribute;
+    attribute[key] = value;
+    return make_record(id_text(t) + opid_infix + id_text(y), opname, {t}, y, attribute);
+  });
+}
+
 void record_cast(nb::handle t1, nb::handle y) {
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t1, LazyLabel("Cast")}});

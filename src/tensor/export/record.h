@@ -67,6 +67,11 @@ using Attribute = std::initializer_list<std::pair<const char*, nb::handle>>;
 void record_one_input(nb::handle y, nb::handle t, const char* link, const char* opname, const char* opid_infix,
                       Attribute attribute);
 
+// Form C for a one-input operator with one attribute: a link named `link`
+// (formatted now: it holds a Python value's text) and {key: value}.
+void record_appended(nb::handle t, nb::handle y, const char* opname, const char* opid_infix, const std::string& link,
+                     const char* key, nb::handle value);
+
 // The "Constant" record of a new tensor, when save_constant is on.
 void record_constant(nb::handle y, QTensor& fields);
 // The "Cast" record of astype.

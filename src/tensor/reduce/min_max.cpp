@@ -31,7 +31,7 @@ const ExtremeRow kExtremes[] = {
 
 // _min_max_match_shape: x spread over `shape`, with a length-one axis at
 // `axes` (all axes when empty).
-Tensor match_shape(const Tensor& x, const Shape& shape, const Dims& axes) {
+Tensor match_shape(const Tensor& x, const Shape& shape, const InlineInts& axes) {
   Shape kept = shape;
   if (axes.empty())
     for (int i = 0; i < kept.rank(); ++i) kept[i] = 1;
@@ -45,7 +45,7 @@ nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::ha
   QTensor& q = as_qtensor(t, row.name);
   const Tensor& x = core_of(q, row.name);
   Shape shape = x.shape();
-  Dims axes;
+  InlineInts axes;
   if (!axis.is_none()) axes = {axis.get(row.name)};
   Tensor data = axis.is_none() ? row.math.all(x) : row.math.along(x, axes.vector(), truthy(keepdims));
   nb::handle requires_grad = q.requires_grad;
@@ -69,7 +69,7 @@ nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::ha
 
 // Over all elements tied extremes split the gradient equally; along an axis
 // every tied extreme receives all of it.
-Tensor min_max_grad(const Tensor& g, const Tensor& input, const Tensor& result, const Dims& axes) {
+Tensor min_max_grad(const Tensor& g, const Tensor& input, const Tensor& result, const InlineInts& axes) {
   Tensor mask = compare(CompareOp::Equal, input, match_shape(result, input.shape(), axes));
   Tensor prod = binary(BinaryOp::Mul, match_shape(g, input.shape(), axes), mask);
   if (!axes.empty()) return prod;
@@ -89,7 +89,7 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
   }
   register_family_names("extremes", names);
   m.def("_min_max_match_shape", [](nb::handle x, const py::IntList& shape, const py::Axis& axis) {
-    Dims axes;
+    InlineInts axes;
     if (!axis.is_none()) axes = {axis.get("_min_max_match_shape")};
     return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), shape.shape("_min_max_match_shape"), axes));
   }, nb::arg("x").none(), nb::arg("shape").none(), nb::arg("axis").none());
@@ -99,7 +99,7 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
     nb::object value = PyFloat_Check(result.ptr())
                            ? nb::handle(core_tensor_type())(result, as_core(inputs, "_min_max_grad").device())
                            : nb::borrow(result);
-    Dims axes;
+    InlineInts axes;
     if (!axis.is_none()) axes = {axis.get("_min_max_grad")};
     return wrap_core(min_max_grad(as_core(x, "_min_max_grad"), as_core(inputs, "_min_max_grad"),
                                   as_core(value, "_min_max_grad"), axes));

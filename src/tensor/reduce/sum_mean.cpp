@@ -41,7 +41,7 @@ nb::object sums(nb::handle t, const py::Axes& axis, nb::handle keepdims) {
   if (!axis.is_none()) axes = axis.get("sums", "axis", py::Bools::Counted);
   Tensor data = axis.is_none() ? sum(x) : sum(x, axes, truthy(keepdims));
   nb::object y = make_result(std::move(data), {t}, axis.is_none() ? over_all : along_axes, [&](int, Edge& e) {
-    e.derivative.axes = Dims(axes);
+    e.derivative.axes = InlineInts(axes);
     e.label = LazyLabel("sums grad ").shape(shape);
   }, {q.requires_grad, q.device});
   record_one_input(y, t, " sums ", "Sum", "_sums_", {{"axes", axes_given}, {"keepdims", keepdims}});
@@ -56,7 +56,7 @@ std::pair<Tensor, int64_t> mean_match_shape(const Tensor& x, const Shape& shape,
 
 }  // namespace
 
-Tensor expand_reduced(const Tensor& x, const Shape& shape, const Dims& axes) {
+Tensor expand_reduced(const Tensor& x, const Shape& shape, const InlineInts& axes) {
   Shape kept = shape;
   for (int64_t axis : axes) kept[int(maybe_wrap_dim(axis, shape.rank()))] = 1;
   return broadcast_to(reshape(x, kept), shape);

@@ -86,7 +86,7 @@ nb::object transposed(nb::handle t, const py::IntList& dim) {
   const Tensor& x = core_of(t, "transpose");
   std::vector<int64_t> dims = dim.get("transpose", "dim");
   nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
-    e.derivative.axes = Dims(dims);
+    e.derivative.axes = InlineInts(dims);
     // (sic) "tranpose", here and in the link: labels kept as users know them.
     e.label = LazyLabel::formatted("tranpose grad dim = " + py_text(dim));
   });
@@ -125,7 +125,7 @@ nb::list reversed_axes(int ndim) {
 }  // namespace
 
 // Positions ordered by the axis they hold.
-std::vector<int64_t> inverse_permutation(const Dims& dims) {
+std::vector<int64_t> inverse_permutation(const InlineInts& dims) {
   std::vector<int64_t> order(dims.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = int64_t(i);
   std::stable_sort(order.begin(), order.end(), [&](int64_t a, int64_t b) { return dims[size_t(a)] < dims[size_t(b)]; });

@@ -1,5 +1,4 @@
-// std and var, differentiable, and median, which is not. The gradients of
-// std and var are written with the module's own mean and QTensor arithmetic,
+// std and var over all elements or one axis. Their gradients are written with the module's own mean and QTensor arithmetic,
 // then finished in place on the core tensor of that arithmetic's result.
 #include "interop/args.h"
 #include "interop/interop.h"
@@ -83,7 +82,7 @@ nb::object std_or_var(const SpreadRow& row, const Derivatives& derivatives, nb::
   // The core gets unbiased as Python truth; the gradients divide by n - 1
   // only for the object True.
   bool core_unbiased = truthy(unbiased);
-  Dims axes;
+  InlineInts axes;
   if (!axis.is_none()) axes = {axis.get(row.name)};
   Tensor data = axis.is_none() ? row.math.all(x, core_unbiased)
                                : row.math.along(x, axes.vector(), truthy(keepdims), core_unbiased);
@@ -97,30 +96,22 @@ nb::object std_or_var(const SpreadRow& row, const Derivatives& derivatives, nb::
   return y;
 }
 
-nb::object median_op(nb::handle t, const py::Axis& axis, nb::handle keepdims) {
-  QTensor& q = as_qtensor(t, "median");
-  const Tensor& x = core_of(q, "median");
-  if (axis.is_none())
-    return make_leaf_result(median(x), {t}, {is_true(q.requires_grad) ? Py_True : Py_False, q.device});
-  return make_leaf_result(median(x, {axis.get("median")}, truthy(keepdims)), {t},
-                          {q.requires_grad, nb::handle()});
-}
 
 bool unbiased_arg(nb::handle unbiased) { return is_true(unbiased); }
 
 }  // namespace
 
-Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const Dims& axes, bool unbiased) {
+Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const InlineInts& axes, bool unbiased) {
   if (axes.empty()) return std_grad_withoutaxis(g, t, result, unbiased);
   return std_grad_withaxis(g, t, result, core_of(t, "std").shape(), axes[0], unbiased);
 }
 
-Tensor var_grad(const Tensor& g, nb::handle t, const Dims& axes, bool unbiased) {
+Tensor var_grad(const Tensor& g, nb::handle t, const InlineInts& axes, bool unbiased) {
   if (axes.empty()) return var_grad_withoutaxis(g, t, unbiased);
   return var_grad_withaxis(g, t, core_of(t, "var").shape(), axes[0], unbiased);
 }
 
-void init_spread(nb::module_& m, nb::class_<QTensor>&) {
+void init_std_var(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   nb::list names;
   for (const SpreadRow& row : kSpread) {
@@ -134,7 +125,6 @@ void init_spread(nb::module_& m, nb::class_<QTensor>&) {
     names.append(row.name);
   }
   register_family_names("spread", names);
-  m.def("median", &median_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
 
   // The gradient helpers, callable on their own.
   m.def("var_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
@@ -159,6 +149,6 @@ void init_spread(nb::module_& m, nb::class_<QTensor>&) {
   }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
 }
 
-TRAMEL_FAMILY(init_spread);
+TRAMEL_FAMILY(init_std_var);
 
 }  // namespace tramel::tensor
