@@ -33,8 +33,9 @@ namespace nb = nanobind;
 // Every such label is a per-input prefix followed by one shared body
 // ("t1 no grad " / "t2 no grad " + "[2] add [2]").
 struct PendingLinks {
-  nb::object inputs[2];
-  const char* prefixes[2];
+  static constexpr int kCapacity = 2;  // the always-linked operators have one or two inputs
+  nb::object inputs[kCapacity];
+  const char* prefixes[kCapacity];
   LazyLabel body;
   int count = 0;
 };

@@ -1,6 +1,7 @@
 #include "tensor/export/record.h"
 
 #include <chrono>
+#include <stdexcept>
 
 #include "interop/interop.h"
 #include "tensor/autograd/toposort.h"
@@ -40,6 +41,8 @@ void append_links(QTensor& y, std::initializer_list<Link> links) {
 
 void defer_links(QTensor& y, std::initializer_list<PrefixedLink> links, const LazyLabel& body) {
   if (y.pending_links.count) link_nodes_of(y);  // keep the order: earlier links first
+  if (links.size() > size_t(PendingLinks::kCapacity))
+    throw std::logic_error("an always-linked record takes at most two inputs");
   PendingLinks& pending = y.pending_links;
   for (const PrefixedLink& link : links) {
     pending.inputs[pending.count] = nb::borrow(link.tensor);
