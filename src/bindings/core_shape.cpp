@@ -18,7 +18,7 @@ void init_shape(nb::module_& m) {
   tr.def("mean_all_grad", [](const Tensor& g, const py::IntList& shape) {
     return mean_all_grad(g, shape.shape("mean_all_grad"));
   }, nb::arg("g"), nb::arg("shape"),
-     py::doc("The gradient of the mean of all elements: g / n spread over a shape of n elements.",
+     py::doc("The gradient of the mean of all elements: g / n in every element of a shape of n elements.",
              {"g: a one-element core tensor.", "shape: the forward input's shape."}, "A new core tensor.").c_str());
 
   cls.def("reshape", [](const Tensor& t, const py::IntList& shape) {

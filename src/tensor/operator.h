@@ -119,11 +119,11 @@ int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim);
 Tensor expand_reduced(const Tensor& x, const Shape& shape, const InlineInts& axes);
 // The gradient of a sum over all elements: g's one value over `shape`.
 Tensor sum_all_grad(const Tensor& g, const Shape& shape);
-// _min_max_grad: g spread to the extremes of the input.
+// _min_max_grad: g sent to the extremes of the input.
 Tensor min_max_grad(const Tensor& g, const Tensor& input, const Tensor& result, const InlineInts& axes);
 // The weights of operand x of z = maximum/minimum(x, y): 1 where x alone won, 1/2 at a tie.
 Tensor selection_weights(const Tensor& x, const Tensor& z, const Tensor& y, DType dtype);
-// The gradients of std and var (reduce/spread.cpp); t is the operator's input QTensor.
+// The gradients of std and var (reduce/std_var.cpp); t is the operator's input QTensor.
 Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const InlineInts& axes, bool unbiased);
 Tensor var_grad(const Tensor& g, nb::handle t, const InlineInts& axes, bool unbiased);
 // The inverse of the permutation `dims`.

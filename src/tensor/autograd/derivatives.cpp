@@ -93,9 +93,9 @@ const Derivatives kDerivatives[] = {
     {"mean", {{kInputs, [](G g, D d) {
                  if (d.axes.empty()) return mean_all_grad(g, d.input(0).shape());
                  const Shape& shape = d.input(0).shape();
-                 Tensor spread = expand_reduced(g, shape, d.axes);
-                 binary_(BinaryOp::Div, spread, Scalar::from_int(shape[int(maybe_wrap_dim(d.axes[0], shape.rank()))]));
-                 return spread;
+                 Tensor expanded = expand_reduced(g, shape, d.axes);
+                 binary_(BinaryOp::Div, expanded, Scalar::from_int(shape[int(maybe_wrap_dim(d.axes[0], shape.rank()))]));
+                 return expanded;
                }}}},
     {"min", {{kBoth, [](G g, D d) { return min_max_grad(g, d.input(0), d.result(), d.axes); }}}},
     {"max", {{kBoth, [](G g, D d) { return min_max_grad(g, d.input(0), d.result(), d.axes); }}}},

@@ -29,7 +29,7 @@ const ExtremeRow kExtremes[] = {
     {"max", {&tramel::max, &tramel::max, false}, {" max grad", "Max", "_max_", " max "}},
 };
 
-// _min_max_match_shape: x spread over `shape`, with a length-one axis at
+// _min_max_match_shape: x expanded over `shape`, with a length-one axis at
 // `axes` (all axes when empty).
 Tensor match_shape(const Tensor& x, const Shape& shape, const InlineInts& axes) {
   Shape kept = shape;

@@ -11,7 +11,7 @@ namespace {
 nb::object minus(nb::handle a, nb::handle b) { return g_operators.sub(a, b); }
 nb::object number(double v) { return to_tensor(nb::float_(v)); }
 
-// var_match_shape: x spread over `shape` along `axis`, and that axis's length.
+// var_match_shape: x expanded over `shape` along `axis`, and that axis's length.
 std::pair<Tensor, int64_t> var_match_shape(const Tensor& x, const Shape& shape, int64_t axis) {
   int w = int(maybe_wrap_dim(axis, shape.rank()));
   Shape kept = shape;

@@ -1,5 +1,5 @@
 // sums and mean, with the axis helpers that every axis-taking operator uses.
-// Their gradients spread the reduced gradient back over the input's shape.
+// Their gradients expand the reduced gradient back over the input's shape.
 #include "interop/args.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
@@ -48,7 +48,7 @@ nb::object sums(nb::handle t, const py::Axes& axis, nb::handle keepdims) {
   return y;
 }
 
-// _mean_match_shape: x spread over `shape` along `axis`, and the length of that axis.
+// _mean_match_shape: x expanded over `shape` along `axis`, and the length of that axis.
 std::pair<Tensor, int64_t> mean_match_shape(const Tensor& x, const Shape& shape, int64_t axis) {
   int64_t wrapped = maybe_wrap_dim(axis, shape.rank());
   return {expand_reduced(x, shape, {axis}), shape[int(wrapped)]};

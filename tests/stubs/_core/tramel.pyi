@@ -211,7 +211,7 @@ def log_softmax_grad(g: pytramel._core.Tensor, out: pytramel._core.Tensor, dim: 
 
 def mean_all_grad(g: pytramel._core.Tensor, shape: int | Sequence[int]) -> pytramel._core.Tensor:
     """
-    The gradient of the mean of all elements: g / n spread over a shape of n elements.
+    The gradient of the mean of all elements: g / n in every element of a shape of n elements.
 
     Args:
         g: a one-element core tensor.
