@@ -127,6 +127,7 @@ const Kernels& host_kernels() {
     add_unary_kernels(k);
     add_sum_kernels(k);
     add_stats_kernels(k);
+    add_cumsum_kernels(k);
     add_reduce_kernels(k);
     add_shape_kernels(k);
     add_permute_kernels(k);

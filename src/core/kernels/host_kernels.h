@@ -12,6 +12,7 @@ void add_elementwise_kernels(Kernels& k); // elementwise.cpp
 void add_unary_kernels(Kernels& k);       // unary.cpp
 void add_sum_kernels(Kernels& k);         // sum.cpp
 void add_stats_kernels(Kernels& k);       // stats.cpp
+void add_cumsum_kernels(Kernels& k);      // cumsum.cpp
 void add_reduce_kernels(Kernels& k);      // reduce.cpp
 void add_shape_kernels(Kernels& k);       // shape.cpp
 void add_permute_kernels(Kernels& k);     // permute.cpp
