@@ -106,7 +106,7 @@ Tensor tan_grad(const Tensor& y, const Tensor& g);     // g * conj(1 + y^2)
 Tensor log_softmax(const Tensor& x, int64_t axis);
 Tensor log_softmax_grad(const Tensor& g, const Tensor& out, int64_t axis);
 
-// ---- reductions (sum, stats) ----
+// ---- reductions (ops/sum.cpp, ops/stats.cpp, ops/cumsum.cpp) ----
 // Without axes: a one-element tensor of shape [1]. Axes may be negative; a
 // repeated or out-of-range axis raises. Integer and bool sums give int64.
 Tensor sum(const Tensor& t);
