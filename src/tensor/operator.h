@@ -36,7 +36,10 @@ namespace tramel::tensor {
 // from an array of any length.
 class Inputs {
  public:
-  Inputs(std::initializer_list<nb::handle> list) : data_(list.begin()), size_(list.size()) {}
+  // A view for the call it is passed to: a braced list's array lives until the
+  // end of the caller's full-expression. data_ is set in the body because GCC's
+  // -Winit-list-lifetime takes a member initialised from begin() for a dangling one.
+  Inputs(std::initializer_list<nb::handle> list) : data_(nullptr), size_(list.size()) { data_ = list.begin(); }
   Inputs(const nb::handle* data, size_t size) : data_(data), size_(size) {}
   const nb::handle* begin() const { return data_; }
   const nb::handle* end() const { return data_ + size_; }
