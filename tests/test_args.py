@@ -180,6 +180,36 @@ def test_real_numbers():
     refused(TypeError, "[clamp] max_val must be a real number, got complex", lambda: core().clamp(0, 1j))
 
 
+# ---------------------------------------------------------------- tensors
+
+OPERATORS = sorted(name for names in tt._operator_tables.values() for name in names)
+
+
+@pytest.mark.parametrize("given,type_name", [(None, "NoneType"), (1.5, "float"), (core(), "pytramel._core.Tensor")],
+                         ids=["None", "float", "core tensor"])
+@pytest.mark.parametrize("name", OPERATORS)
+def test_a_tensor_parameter_lets_anything_through_to_the_operators_refusal(name, given, type_name):
+    # Signatures say `QTensor`, but nanobind refuses nothing there: the refusal is
+    # the operator's own, for either operand, and names what was given.
+    op = getattr(tt, name)
+    binary = "t2" in op.__nb_signature__[0][0]
+    for args in ([given, qt()], [qt(), given]) if binary else ([given],):
+        with pytest.raises(TypeError) as info:
+            op(*args)
+        text = str(info.value)
+        assert re.fullmatch(rf"\[\w+\] expected a QTensor, got {re.escape(type_name)}", text), text
+
+
+def test_tensor_parameters_of_other_shapes_keep_their_own_refusals():
+    refused(TypeError, "object of type 'NoneType' has no len()", lambda: tt.accumulate(None))
+    refused(TypeError, "accumulate expects a list of QTensor", lambda: tt.accumulate((qt(), qt())))
+    refused(TypeError, "[accumulate] expected a QTensor, got float", lambda: tt.accumulate([qt(), 1.0]))
+    refused(TypeError, "[copy_value_from] expected a QTensor, got ndarray", lambda: qt().copy_value_from(np.ones(6)))
+    refused(TypeError, "[zeros_like] expected a QTensor, got list", lambda: tt.zeros_like([1.0]))
+    refused(TypeError, "[backward] expected a QTensor, got NoneType", lambda: tt.get_prev(None))
+    refused(AttributeError, "'NoneType' object has no attribute 'device'", lambda: QTensor.GraphNode(None, None))
+
+
 # ---------------------------------------------------------------- no error left behind
 
 A = np.ones(3)  # where an integer, axis, shape or dtype is expected

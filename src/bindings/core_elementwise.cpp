@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/args.h"
 #include "interop/interop.h"
 

@@ -2,7 +2,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/string.h>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/args.h"
 #include "interop/interop.h"
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/args.h"
 #include "interop/interop.h"
 

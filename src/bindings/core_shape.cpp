@@ -3,7 +3,7 @@
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/pair.h>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/args.h"
 #include "interop/interop.h"
 

@@ -4,7 +4,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/args.h"
 #include "interop/interop.h"
 

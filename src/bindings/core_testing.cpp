@@ -6,7 +6,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "core/backend/emulated.h"
 

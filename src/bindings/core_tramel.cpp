@@ -1,7 +1,7 @@
 // _core.tramel: the engine's free functions.
 #include <nanobind/nanobind.h>
 
-#include "bindings/docs.h"
+#include "interop/docs.h"
 #include "interop/interop.h"
 
 namespace nb = nanobind;

@@ -21,9 +21,11 @@
 // inputs and the forward result when the row asks for them.
 #pragma once
 #include <initializer_list>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "interop/docs.h"
 #include "tensor/autograd/derivative.h"
 #include "tensor/export/record.h"
 #include "tensor/qtensor.h"
@@ -34,7 +36,10 @@ namespace tramel::tensor {
 // from an array of any length.
 class Inputs {
  public:
-  Inputs(std::initializer_list<nb::handle> list) : data_(list.begin()), size_(list.size()) {}
+  // A view for the call it is passed to: a braced list's array lives until the
+  // end of the caller's full-expression. data_ is set in the body because GCC's
+  // -Winit-list-lifetime takes a member initialised from begin() for a dangling one.
+  Inputs(std::initializer_list<nb::handle> list) : data_(nullptr), size_(list.size()) { data_ = list.begin(); }
   Inputs(const nb::handle* data, size_t size) : data_(data), size_(size) {}
   const nb::handle* begin() const { return data_; }
   const nb::handle* end() const { return data_ + size_; }
@@ -101,11 +106,19 @@ const Row& row_named(const Row (&rows)[N], std::string_view name) {
 Tensor unbroadcast(const Tensor& own_grad, const Tensor& g);
 // _broadcast_function_before_binary_op: one device and one shape for two operands.
 std::pair<nb::object, nb::object> prepare_binary(nb::handle t1, nb::handle t2);
+// The docstring line of the second operand of the operators that use prepare_binary.
+inline const char* const kSecondOperand =
+    "t2: a QTensor. A one-element operand on the processor first moves, in place, to the other's accelerator.";
 // broadcast(t1, t2): the differentiable expansion to a common shape.
 std::pair<nb::object, nb::object> broadcast_pair(nb::handle t1, nb::handle t2);
 // Zeros with the shape, dtype and device of t (the gradient of a function
 // whose derivative is zero).
 Tensor zeros_shaped_like(const Tensor& t);
+
+// Docstring lines of the reductions over all elements or along one axis.
+inline const char* const kOneAxis =
+    "axis: None for all elements (a one-element result), or one axis; negative ones count from the end.";
+inline const char* const kKeepAxis = "keepdims: keep the reduced axis with length one; any object, read by its truth.";
 
 // Axis helpers (reduce/sum_mean.cpp): a Python-style wrapped axis; a bare
 // AssertionError when it is out of range.
@@ -149,18 +162,29 @@ Bound<Row> bound_row(const Row (&rows)[N], std::string_view name) {
   return {row, find_derivatives(row.name)};
 }
 
+// The docstring of an operator in a family table: its summary line, and its
+// result where that differs from the family's.
+struct RowDoc {
+  const char* summary;
+  const char* returns = nullptr;
+};
+
 // Binds every row of a family table as a module function run(row, tensors...)
-// taking `Arity` tensors, and registers the family's names.
+// taking `Arity` tensors, and registers the family's names. Each function's
+// docstring is its row's, with the family's `args` and (unless the row has
+// its own) `returns`.
 template <int Arity, typename Row, size_t N, typename Run>
-void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Run run) {
+void def_family(nb::module_& m, const char* family, const Row (&rows)[N], Run run,
+                std::initializer_list<const char*> args, const char* returns) {
   nb::list names;
   for (const Row& row : rows) {
     Bound<Row> b{row, find_derivatives(row.name)};
+    std::string doc = py::doc(row.doc.summary, args, row.doc.returns ? row.doc.returns : returns);
     if constexpr (Arity == 1)
-      m.def(row.name, [b, run](nb::handle t) { return run(b, t); }, nb::arg("t").none());
+      m.def(row.name, [b, run](TensorArg t) -> TensorResult { return run(b, t); }, nb::arg("t").none(), doc.c_str());
     else
-      m.def(row.name, [b, run](nb::handle t1, nb::handle t2) { return run(b, t1, t2); }, nb::arg("t1").none(),
-            nb::arg("t2").none());
+      m.def(row.name, [b, run](TensorArg t1, TensorArg t2) -> TensorResult { return run(b, t1, t2); },
+            nb::arg("t1").none(), nb::arg("t2").none(), doc.c_str());
     names.append(row.name);
   }
   register_family_names(family, names);
@@ -183,6 +207,8 @@ void init_gradfn(nb::module_& m);
 
 // unsqueeze(t, axis), also QTensor.unsqueeze.
 nb::object unsqueeze_op(nb::handle t, nb::handle axis);
+// The docstring line of unsqueeze's axis.
+inline const char* const kInsertedAxis = "axis: where the new axis goes; a negative one counts from one past the end.";
 // mean(t, axis, keepdims), for the gradients of std and var.
 nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims);
 

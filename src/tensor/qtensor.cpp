@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "interop/args.h"
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/export/record.h"
 #include "tensor/operator.h"
@@ -358,18 +359,31 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
                              "Stores tensor and derivative function of the primitive operation.");
   g_types.graphnode = (PyTypeObject*)node.ptr();
   node.def("__init__",
-           [](GraphNode* self, nb::handle tensor, nb::handle df, nb::handle name) {
+           [](GraphNode* self, TensorArg tensor, nb::handle df, nb::handle name) {
              nb::object device = nb::steal(PyObject_GetAttrString(tensor.ptr(), "device"));
              if (!device) throw nb::python_error();
              new (self) GraphNode{nb::borrow(tensor), nb::borrow(name), nb::borrow(df), device, LazyLabel()};
            },
-           nb::arg("tensor").none(), nb::arg("df").none(), nb::arg("name").none() = "");
-  node.def_rw("tensor", &GraphNode::tensor, nb::arg().none());
+           nb::arg("tensor").none(), nb::arg("df").none(), nb::arg("name").none() = "",
+           py::doc("An edge of the graph, from a result to one of its inputs.",
+                   {"tensor: the input; the edge keeps its device as it is now.",
+                    "df: the derivative function: called with the incoming gradient (a _core.Tensor), it returns "
+                    "the gradient for tensor (a _core.Tensor or a numpy array); None for an edge without one.",
+                    "name: a label; any object, kept as given."})
+               .c_str());
+  node.def_rw("tensor", &GraphNode::tensor, nb::arg().none(),
+              nb::for_getter("The input the edge leads to, which receives its gradient."));
   node.def_prop_rw(
       "name", [](GraphNode& n) { return graphnode_name(n); },
-      [](GraphNode& n, nb::handle value) { n.name = nb::borrow(value); }, nb::arg().none());
-  node.def_rw("df", &GraphNode::df, nb::arg().none());
-  node.def_rw("device", &GraphNode::device, nb::arg().none());
+      [](GraphNode& n, nb::handle value) { n.name = nb::borrow(value); }, nb::arg().none(),
+      nb::for_getter("The edge's label: for a built-in operator, its name and operands. Not read by the backward "
+                     "pass."));
+  node.def_rw("df", &GraphNode::df, nb::arg().none(),
+              nb::for_getter("The derivative function (a GradFn for built-in operators), or None for an edge "
+                             "without gradient."));
+  node.def_rw("device", &GraphNode::device, nb::arg().none(),
+              nb::for_getter("The device of tensor when the edge was made; the backward pass brings the "
+                             "gradient to it."));
 
 
   cls.def("__init__",
@@ -385,37 +399,79 @@ nb::class_<QTensor> init_qtensor(nb::module_& m) {
             }
           },
           nb::arg("data").none(), nb::arg("requires_grad").none() = false, nb::arg("nodes").none() = nb::none(), nb::arg("device").none() = 0,
-          nb::arg("dtype").none() = nb::none(), nb::arg("name").none() = "");
+          nb::arg("dtype").none() = nb::none(), nb::arg("name").none() = "",
+          py::doc("A tensor of the given values.",
+                  {"data: a number, nested lists or tuples of numbers, or a numpy array, all copied; or a "
+                   "_core.Tensor, kept without a copy (and moved to device itself when it is elsewhere).",
+                   "requires_grad: whether gradients are wanted; any object, kept as given and read by its truth.",
+                   "nodes: the edges (GraphNode) to the inputs of the operation that made the tensor; None or an "
+                   "empty list for a leaf.",
+                   "device: a device number; 0, the processor, by default.",
+                   "dtype: a dtype constant; None keeps the dtype of an array or core tensor, and gives lists of "
+                   "floats the default dtype.",
+                   "name: a label; any object, kept as given."})
+              .c_str());
 
   cls.def_prop_rw(
       "data", [](QTensor& q) { return data_object(q); }, [](QTensor& q, nb::handle value) { set_data(q, value); },
-      nb::arg().none());
-  cls.def_rw("requires_grad", &QTensor::requires_grad, nb::arg().none());
+      nb::arg().none(),
+      nb::for_getter("The values, a _core.Tensor: the same object on every read; assigning another replaces them."));
+  cls.def_rw("requires_grad", &QTensor::requires_grad, nb::arg().none(),
+             nb::for_getter("Whether gradients are wanted; any object, read by its truth."));
   cls.def_prop_rw(
       "nodes", [](QTensor& q) { return nodes_of(q); },
       [](QTensor& q, nb::handle value) {
         q.edges.clear();
         q.nodes = nb::borrow(value);
       },
-      nb::arg().none());
+      nb::arg().none(),
+      nb::for_getter("The edges (GraphNode) to the inputs of the operation that made the tensor, one per input "
+                     "that requires a gradient; empty for a leaf."));
   cls.def_prop_rw(
       "link_nodes", [](QTensor& q) { return link_nodes_of(q); },
       [](QTensor& q, nb::handle value) {
         q.pending_links = PendingLinks();
         q.link_nodes = nb::borrow(value);
       },
-      nb::arg().none());
-  cls.def_rw("grad", &QTensor::grad, nb::arg().none());
-  cls.def_rw("device", &QTensor::device, nb::arg().none());
-  cls.def_rw("oplinkinfo", &QTensor::oplinkinfo, nb::arg().none());
-  cls.def_rw("save_onnx_constant", &QTensor::save_onnx_constant, nb::arg().none());
-  cls.def_rw("name", &QTensor::name, nb::arg().none());
-  cls.def_rw("_if_normal_run_qvm", &QTensor::if_normal_run_qvm, nb::arg().none());
+      nb::arg().none(),
+      nb::for_getter("The edges of the export graph (GraphNode without derivative); the backward pass does not "
+                     "read them."));
+  cls.def_rw("grad", &QTensor::grad, nb::arg().none(),
+             nb::for_getter("The accumulated gradient, a QTensor, or None while there is none."));
+  cls.def_rw("device", &QTensor::device, nb::arg().none(),
+             nb::for_getter("The device number: 0 is the processor, 1000 and up are accelerators."));
+  cls.def_rw("oplinkinfo", &QTensor::oplinkinfo, nb::arg().none(),
+             nb::for_getter("The export record (OPNodesInfo) of the operation that made the tensor, or None."));
+  cls.def_rw("save_onnx_constant", &QTensor::save_onnx_constant, nb::arg().none(),
+             nb::for_getter("A flag kept for the exporter; False unless set, and not read by this module."));
+  cls.def_rw("name", &QTensor::name, nb::arg().none(),
+             nb::for_getter("A label; any object. get_opinfo collects the export records (OPNodesInfo) found "
+                            "here."));
+  cls.def_rw("_if_normal_run_qvm", &QTensor::if_normal_run_qvm, nb::arg().none(),
+             nb::for_getter("Whether the tensor holds a valid result: a backward pass that reaches a tensor where "
+                            "it equals False over a differentiable edge computes no gradients."));
 
-  cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data").none(), nb::arg("device").none(), nb::arg("dtype").none());
-  cls.def_static("_to_tensor", &to_tensor, nb::arg("tensor").none());
-  cls.def("zero_grad", &zero_grad);
-  cls.def("backward", &backward, nb::arg("grad").none() = nb::none());
+  cls.def_static("_to_coretensor_ndarray", &to_coretensor_ndarray, nb::arg("data").none(), nb::arg("device").none(),
+                 nb::arg("dtype").none(),
+                 py::doc("The _core.Tensor that the constructor makes of its data.",
+                         {"data: as the constructor takes it.", "device: a device number.",
+                          "dtype: a dtype constant, or None as in the constructor."},
+                         "A _core.Tensor: a core tensor given is returned itself when its dtype fits.")
+                     .c_str());
+  cls.def_static("_to_tensor", [](nb::handle value) -> TensorResult { return to_tensor(value); },
+                 nb::arg("tensor").none(),
+                 py::doc("A QTensor for any value.", {(std::string("tensor: ") + kToTensorForms).c_str()},
+                         kToTensorResult).c_str());
+  cls.def("zero_grad", &zero_grad,
+          py::doc("Zeros the gradient in place, or gives the tensor a zero gradient of its shape, dtype and "
+                  "device; refused when requires_grad is False.")
+              .c_str());
+  cls.def("backward", &backward, nb::arg("grad").none() = nb::none(),
+          py::doc("Computes the gradient of this tensor with respect to every tensor of its graph that requires "
+                  "one, adding it to their grad; interior tensors' grad is released afterwards.",
+                  {"grad: the seed, of this tensor's shape and on its device: a QTensor, a _core.Tensor or a "
+                   "numpy array, complex for a complex tensor and real for a real one; None for ones."})
+              .c_str());
 
   return cls;
 }

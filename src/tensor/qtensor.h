@@ -16,9 +16,11 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/ops.h"
+#include "interop/args.h"
 #include "tensor/autograd/derivative.h"
 #include "tensor/label.h"
 
@@ -67,6 +69,32 @@ struct GraphNode {
   nb::object df;
   nb::object device;
   LazyLabel label;
+};
+
+// Note [tensor arguments]
+// A parameter that takes a QTensor, or a list of them, is declared as one of
+// the types below rather than as nb::handle, so that signatures and stubs say
+// `QTensor` and `list[QTensor]`. Like the argument types of interop/args.h
+// (Note [argument types]), they are the object as the caller gave it, and
+// their casters take every object: None too, where the parameter is marked
+// .none() (nanobind then writes `QTensor | None`). The function's own check
+// (as_qtensor, core_of) refuses anything else, with the function's own
+// message; a caster that refused would turn it into nanobind's generic
+// "incompatible function arguments" TypeError. A caster that takes
+// everything costs what nb::handle's does. A function that always returns a
+// QTensor returns TensorResult, so that its result reads `QTensor` too.
+struct TensorArg : nb::handle {
+  TensorArg() = default;
+  TensorArg(nb::handle h) : nb::handle(h) {}
+};
+struct TensorListArg : nb::handle {
+  TensorListArg() = default;
+  TensorListArg(nb::handle h) : nb::handle(h) {}
+};
+// A QTensor that a function returns.
+struct TensorResult : nb::object {
+  TensorResult() = default;
+  TensorResult(nb::object o) : nb::object(std::move(o)) {}
 };
 
 // Types, set when the module is initialised.
@@ -166,6 +194,11 @@ std::string py_text(nb::handle o);
 void zero_grad(nb::handle self);
 void backward(nb::handle self, nb::handle grad);
 nb::object to_tensor(nb::handle value);
+// What to_tensor takes and makes of it, for the docstrings of to_tensor and QTensor._to_tensor.
+inline const char* const kToTensorForms =
+    "a QTensor (returned itself), a number (a one-element tensor on the processor), a _core.Tensor (kept, "
+    "on its own device) or anything else that QTensor() takes (on the processor).";
+inline const char* const kToTensorResult = "A QTensor; a new one has requires_grad False.";
 // Moves a QTensor (and its grad) to `device` in place, as toGPU/toCPU do.
 nb::object move_to_device(nb::handle self, int device);
 // A new numpy array with the tensor's values, from any device.
@@ -182,3 +215,26 @@ void init_creation(nb::module_& m);
 void init_export(nb::module_& m);
 
 }  // namespace tramel::tensor
+
+namespace nanobind::detail {
+
+// See Note [tensor arguments].
+TRAMEL_ARGUMENT_CASTER(tramel::tensor::TensorArg, const_name("QTensor"))
+TRAMEL_ARGUMENT_CASTER(tramel::tensor::TensorListArg, const_name("list[QTensor]"))
+
+template <>
+struct type_caster<tramel::tensor::TensorResult> {
+  NB_TYPE_CASTER(tramel::tensor::TensorResult, const_name("QTensor"))
+  bool from_python(handle src, uint32_t, cleanup_list*) noexcept {
+    value = tramel::tensor::TensorResult(borrow(src));
+    return true;
+  }
+  static handle from_cpp(tramel::tensor::TensorResult&& result, rv_policy, cleanup_list*) noexcept {
+    return result.release();
+  }
+  static handle from_cpp(const tramel::tensor::TensorResult& result, rv_policy, cleanup_list*) noexcept {
+    return result.inc_ref();
+  }
+};
+
+}  // namespace nanobind::detail

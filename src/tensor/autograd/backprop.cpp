@@ -5,6 +5,7 @@
 
 #include <vector>
 
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/autograd/identity_map.h"
 #include "tensor/autograd/toposort.h"
@@ -244,21 +245,54 @@ void backward(nb::handle self, nb::handle grad) {
 
 void init_autograd(nb::module_& m) {
   nb::class_<TopoSortIterator>(m, "_TopoSortIterator", "The lazy order of a backward walk.")
-      .def("__iter__", [](nb::handle self) { return nb::borrow(self); })
-      .def("__next__", &TopoSortIterator::next);
+      .def("__iter__", [](nb::handle self) { return nb::borrow(self); },
+           py::doc("The iterator itself.", {}, "This iterator.").c_str())
+      .def("__next__", &TopoSortIterator::next,
+           py::doc("The next node of the walk.", {}, "A node; StopIteration after the last.").c_str());
 
-  m.def("get_prev", [](nb::handle q) { return parents_list(&get_prev, q); }, nb::arg("q").none());
-  m.def("free_grad", [](nb::handle q) { return parents_list(&free_grad, q); }, nb::arg("q").none());
+  constexpr const char* kParentsOf = "q: a QTensor.";
+  constexpr const char* kParents =
+      "A new list of QTensors in the order of q.nodes, a tensor once for each edge to it.";
+  m.def("get_prev", [](TensorArg q) { return parents_list(&get_prev, q); }, nb::arg("q").none(),
+        py::doc("The inputs of a tensor that require a gradient; those reached over a differentiable edge "
+                "without a grad get a zero one first.",
+                {kParentsOf}, kParents).c_str());
+  m.def("free_grad", [](TensorArg q) { return parents_list(&free_grad, q); }, nb::arg("q").none(),
+        py::doc("The inputs of a tensor that require a gradient, releasing the grad of those that are not leaves.",
+                {kParentsOf}, kParents).c_str());
   // The default parents function is this module's get_prev, fixed here.
   nb::object default_parents = m.attr("get_prev");
   m.def("toposort",
         [](nb::object end, nb::object parents) { return TopoSortIterator(std::move(end), std::move(parents)); },
-        nb::arg("end_node").none(), nb::arg("parents").none() = default_parents);
-  m.def("_check_nodes_not_empty_or_none", &check_nodes_not_empty_or_none, nb::arg("nodes").none());
-  m.def("just_valid_result_from_qvm", &just_valid_result_from_qvm, nb::arg("g").none(), nb::arg("end_node").none());
-  m.def("backprop_impl", &backprop_impl, nb::arg("g").none(), nb::arg("end_node").none());
-  m.def("free_backprop_grad", &free_backprop_grad, nb::arg("g").none(), nb::arg("end_node").none());
-  m.def("backprop", &backprop, nb::arg("g").none(), nb::arg("end_node").none());
+        nb::arg("end_node").none(), nb::arg("parents").none() = default_parents,
+        py::doc("The nodes of a graph in backward order: end_node first, each node after all nodes made from it.",
+                {"end_node: the node the walk starts from; any object that parents takes.",
+                 "parents: a function from a node to the list of its parents; get_prev by default. It runs twice "
+                 "per node, the second time after the node has been yielded."},
+                "An iterator over the nodes, each once; nothing runs before the first is asked for.").c_str());
+  m.def("_check_nodes_not_empty_or_none", &check_nodes_not_empty_or_none, nb::arg("nodes").none(),
+        py::doc("Whether a nodes field is None or a non-empty list.", {"nodes: any object."}, "A bool.").c_str());
+  constexpr const char* kSeed = "g: the seed gradient, a QTensor of end_node's shape.";
+  constexpr const char* kEnd = "end_node: the QTensor the pass starts from.";
+  m.def("just_valid_result_from_qvm", [](TensorArg g, TensorArg end) { return just_valid_result_from_qvm(g, end); },
+        nb::arg("g").none(), nb::arg("end_node").none(),
+        py::doc("The first walk of a backward pass: whether no tensor that would receive a gradient has "
+                "_if_normal_run_qvm False. It gives those tensors their zero grad.",
+                {kSeed, kEnd}, "A bool.").c_str());
+  m.def("backprop_impl", [](TensorArg g, TensorArg end) { backprop_impl(g, end); }, nb::arg("g").none(),
+        nb::arg("end_node").none(),
+        py::doc("The gradient walk of a backward pass: each edge's derivative runs once and its result is added "
+                "to the input's grad.",
+                {kSeed, kEnd}).c_str());
+  m.def("free_backprop_grad", [](TensorArg g, TensorArg end) { free_backprop_grad(g, end); }, nb::arg("g").none(),
+        nb::arg("end_node").none(),
+        py::doc("The last walk of a backward pass: releases the grad of every interior tensor it reaches.",
+                {kSeed, kEnd}).c_str());
+  m.def("backprop", [](TensorArg g, TensorArg end) { backprop(g, end); }, nb::arg("g").none(),
+        nb::arg("end_node").none(),
+        py::doc("A backward pass from end_node: the three walks, stopping after the first when a result is not "
+                "valid.",
+                {kSeed, kEnd}).c_str());
 }
 
 }  // namespace tramel::tensor

@@ -1,6 +1,7 @@
 // Device placement: copies to another device (GPU, CPU), moves in place
 // (toGPU, toCPU), the device tests and getdata.
 #include "interop/args.h"
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/qtensor.h"
 
@@ -77,27 +78,49 @@ int64_t device_field(nb::handle self, const char* op) { return device_of(as_qten
 
 void init_device(nb::module_&, nb::class_<QTensor>& cls) {
   nb::object gpu0 = nb::int_(kFirstAccelerator);
-  cls.def("GPU", &gpu, nb::arg("device").none() = gpu0);
-  cls.def("gpu", &gpu, nb::arg("device").none() = gpu0);
-  cls.def("CPU", &cpu);
-  cls.def("cpu", &cpu);
-  cls.def("toGPU", &to_gpu, nb::arg("device").none() = gpu0);
-  cls.def("to_gpu", &to_gpu, nb::arg("device").none() = gpu0);
-  cls.def("toCPU", &to_cpu);
-  cls.def("to_cpu", &to_cpu);
+  constexpr const char* kAccelerator = "device: an accelerator, 1000 and up.";
+  constexpr const char* kCopy =
+      "A new QTensor, a leaf; it keeps requires_grad, with a copy of grad, only when the tensor has a grad.";
+  std::string gpu_doc = py::doc("A copy on an accelerator, cut off from the graph (with a warning when the "
+                                "tensor requires a gradient and has edges).",
+                                {kAccelerator}, kCopy);
+  auto copy_to_gpu = [](nb::handle self, const py::DeviceArg& device) -> TensorResult { return gpu(self, device); };
+  cls.def("GPU", copy_to_gpu, nb::arg("device").none() = gpu0, gpu_doc.c_str());
+  cls.def("gpu", copy_to_gpu, nb::arg("device").none() = gpu0, gpu_doc.c_str());
+  std::string cpu_doc = py::doc("A copy on the processor, cut off from the graph.", {}, kCopy);
+  auto copy_to_cpu = [](nb::handle self) -> TensorResult { return cpu(self); };
+  cls.def("CPU", copy_to_cpu, cpu_doc.c_str());
+  cls.def("cpu", copy_to_cpu, cpu_doc.c_str());
+  std::string to_gpu_doc =
+      py::doc("Moves the tensor itself, and its grad, to an accelerator; its edges stay.", {kAccelerator},
+              "This tensor.");
+  auto move_to_gpu = [](nb::handle self, const py::DeviceArg& device) -> TensorResult { return to_gpu(self, device); };
+  cls.def("toGPU", move_to_gpu, nb::arg("device").none() = gpu0, to_gpu_doc.c_str());
+  cls.def("to_gpu", move_to_gpu, nb::arg("device").none() = gpu0, to_gpu_doc.c_str());
+  std::string to_cpu_doc =
+      py::doc("Moves the tensor itself, and its grad, to the processor; its edges stay.", {}, "This tensor.");
+  auto move_to_cpu = [](nb::handle self) -> TensorResult { return to_cpu(self); };
+  cls.def("toCPU", move_to_cpu, to_cpu_doc.c_str());
+  cls.def("to_cpu", move_to_cpu, to_cpu_doc.c_str());
   cls.def("to_device", [](nb::handle self, const py::DeviceArg& device) -> nb::object {
     int d = device.get("to_device");
     if (d == kCpuDevice) return cpu(self);
     if (d >= kFirstAccelerator) return gpu(self, device);
     return nb::none();
-  }, nb::arg("device").none());
+  }, nb::arg("device").none(),
+     py::doc("A copy on a device, as CPU() or GPU(device) make it.",
+             {"device: 0 for the processor, or an accelerator (1000 and up)."},
+             "A new QTensor; None for any other device number.").c_str());
+  std::string is_cpu_doc = py::doc("Whether the tensor is on the processor (device 0).", {}, "A bool.");
+  std::string is_gpu_doc = py::doc("Whether the tensor is on an accelerator (device 1000 and up).", {}, "A bool.");
   auto is_cpu = [](nb::handle self) { return device_field(self, "isCPU") == kCpuDevice; };
   auto is_gpu = [](nb::handle self) { return device_field(self, "isGPU") >= kFirstAccelerator; };
-  cls.def("isCPU", is_cpu);
-  cls.def("is_cpu", is_cpu);
-  cls.def("isGPU", is_gpu);
-  cls.def("is_gpu", is_gpu);
-  cls.def("getdata", [](const QTensor& q) { return host_copy(core_of(q, "getdata"), "getdata"); });
+  cls.def("isCPU", is_cpu, is_cpu_doc.c_str());
+  cls.def("is_cpu", is_cpu, is_cpu_doc.c_str());
+  cls.def("isGPU", is_gpu, is_gpu_doc.c_str());
+  cls.def("is_gpu", is_gpu, is_gpu_doc.c_str());
+  cls.def("getdata", [](const QTensor& q) { return host_copy(core_of(q, "getdata"), "getdata"); },
+          py::doc("A numpy copy of the values, from any device.", {}, "A new numpy array.").c_str());
 }
 
 }  // namespace tramel::tensor

@@ -6,10 +6,12 @@ namespace tramel::tensor {
 
 namespace {
 
-// The family table: each operator once, with its core call and its trace
-// (node and link labels, export record). Gradients: the derivatives table.
+// The family table: each operator once, with the summary of its docstring,
+// its core call and its trace (node and link labels, export record).
+// Gradients: the derivatives table.
 struct ArithmeticRow {
   const char* name;
+  RowDoc doc;
   struct {
     BinaryOp forward;
   } math;
@@ -21,10 +23,16 @@ struct ArithmeticRow {
 };
 
 const ArithmeticRow kArithmetic[] = {
-    {"add", {BinaryOp::Add}, {" add ", "Add", "_add_"}},
-    {"sub", {BinaryOp::Sub}, {" sub ", "Sub", "_sub_"}},
-    {"mul", {BinaryOp::Mul}, {" mul ", "Mul", "_mul_"}},
-    {"divide", {BinaryOp::Div}, {" div ", "Div", "_div_"}},
+    {"add", {"Element-wise sum t1 + t2, the operands broadcast to one shape."}, {BinaryOp::Add},
+     {" add ", "Add", "_add_"}},
+    {"sub", {"Element-wise difference t1 - t2, the operands broadcast to one shape."}, {BinaryOp::Sub},
+     {" sub ", "Sub", "_sub_"}},
+    {"mul", {"Element-wise product t1 * t2, the operands broadcast to one shape."}, {BinaryOp::Mul},
+     {" mul ", "Mul", "_mul_"}},
+    {"divide",
+     {"Element-wise quotient t1 / t2, the operands broadcast to one shape; integers truncate and an integer "
+     "x / 0 is 0."},
+     {BinaryOp::Div}, {" div ", "Div", "_div_"}},
 };
 
 nb::object arithmetic(Bound<ArithmeticRow> op, nb::handle x1, nb::handle x2) {
@@ -44,7 +52,7 @@ nb::object arithmetic(Bound<ArithmeticRow> op, nb::handle x1, nb::handle x2) {
   return y;
 }
 
-nb::object accumulate(nb::handle tensor_list) {
+TensorResult accumulate(TensorListArg tensor_list) {
   if (!tensor_list.is_none() && !PyList_Check(tensor_list.ptr()))
     throw nb::type_error("accumulate expects a list of QTensor");
   if (tensor_list.is_none()) throw nb::type_error("object of type 'NoneType' has no len()");
@@ -75,8 +83,12 @@ nb::object accumulate(nb::handle tensor_list) {
 }  // namespace
 
 void init_arithmetic(nb::module_& m, nb::class_<QTensor>& cls) {
-  def_family<2>(m, "arithmetic", kArithmetic, &arithmetic);
-  m.def("accumulate", &accumulate, nb::arg("tensor_list").none());
+  def_family<2>(m, "arithmetic", kArithmetic, &arithmetic, {"t1: a QTensor.", kSecondOperand},
+                "A new QTensor; differentiable.");
+  m.def("accumulate", &accumulate, nb::arg("tensor_list").none(),
+        py::doc("The sum of a list of tensors.",
+                {"tensor_list: a list of at least two QTensors of one shape, dtype and device."},
+                "A new QTensor; differentiable.").c_str());
 
   // The number slots of QTensor (see qtensor.cpp) call these.
   static const Bound<ArithmeticRow> add = bound_row(kArithmetic, "add"), sub = bound_row(kArithmetic, "sub"),

@@ -23,7 +23,7 @@ const char* astype_label_tail(DType from, DType to) {
 }
 
 // The gradient goes back to the source's dtype as it is when it runs.
-nb::object astype(nb::handle self, const py::DTypeArg& dtype) {
+TensorResult astype(nb::handle self, const py::DTypeArg& dtype) {
   static const Derivatives& derivatives = derivatives_of("astype");
   QTensor& s = as_qtensor(self, "astype");
   const Tensor& source = core_of(s, "astype");
@@ -38,7 +38,12 @@ nb::object astype(nb::handle self, const py::DTypeArg& dtype) {
 
 }  // namespace
 
-void init_astype(nb::module_&, nb::class_<QTensor>& cls) { cls.def("astype", &astype, nb::arg("dtype").none()); }
+void init_astype(nb::module_&, nb::class_<QTensor>& cls) {
+  cls.def("astype", &astype, nb::arg("dtype").none(),
+          py::doc("A copy converted to a dtype (complex to real keeps the real part); the gradient returns in the "
+                  "tensor's own dtype.",
+                  {"dtype: a dtype constant."}, "A new QTensor; differentiable.").c_str());
+}
 TRAMEL_FAMILY(init_astype);
 
 }  // namespace tramel::tensor

@@ -93,21 +93,34 @@ std::pair<nb::object, nb::object> prepare_binary(nb::handle t1, nb::handle t2) {
 void init_broadcast(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
   m.def("_broadcast_function_before_binary_op",
-        [](nb::handle t1, nb::handle t2) {
+        [](TensorArg t1, TensorArg t2) {
           auto [a, b] = prepare_binary(t1, t2);
           return nb::make_tuple(a, b);
         },
-        arg("t1"), arg("t2"));
+        arg("t1"), arg("t2"),
+        py::doc("The operands of an element-wise operator, brought to one device and one shape.",
+                {"t1: a QTensor.", kSecondOperand},
+                "A tuple of two QTensors: the operands themselves when their shapes agree, else as broadcast() "
+                "gives them.").c_str());
   m.def("broadcast",
-        [](nb::handle t1, nb::handle t2) {
+        [](TensorArg t1, TensorArg t2) {
           auto [a, b] = broadcast_pair(t1, t2);
           return nb::make_tuple(a, b);
         },
-        arg("t1"), arg("t2"));
+        arg("t1"), arg("t2"),
+        py::doc("Two tensors expanded to their common broadcast shape.", {"t1: a QTensor.", "t2: a QTensor."},
+                "A tuple of two new QTensors; differentiable, the gradient sums over the expansion.").c_str());
   m.def("_broadcast",
         [](nb::handle own, nb::handle g) { return wrap_core(unbroadcast(as_core(own, "_broadcast"), as_core(g, "_broadcast"))); },
-        arg("un_broadcast_grad"), arg("broadcast_grad"));
-  m.def("infer_size_expand", &infer_size_expand, arg("sa"), arg("sb"));
+        arg("un_broadcast_grad"), arg("broadcast_grad"),
+        py::doc("A gradient summed back over a broadcast, to an operand's shape and dtype.",
+                {"un_broadcast_grad: a _core.Tensor of the operand's shape and dtype (its grad).",
+                 "broadcast_grad: a _core.Tensor of the broadcast shape."},
+                "A new _core.Tensor.").c_str());
+  m.def("infer_size_expand", &infer_size_expand, arg("sa"), arg("sb"),
+        py::doc("The common broadcast shape of two tensors.",
+                {"sa: a QTensor or _core.Tensor (any object with shape and ndim).", "sb: likewise."},
+                "A list of ints; ValueError when the shapes do not broadcast.").c_str());
 }
 
 TRAMEL_FAMILY(init_broadcast);

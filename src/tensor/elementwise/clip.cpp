@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object clip(nb::handle t, const py::Real& min_val, const py::Real& max_val) {
+TensorResult clip(TensorArg t, const py::Real& min_val, const py::Real& max_val) {
   static const Derivatives& derivatives = derivatives_of("clip");
   const Tensor& x = core_of(t, "clip");
   double low = min_val.get("clip", "min_val"), high = max_val.get("clip", "max_val");
@@ -29,7 +29,12 @@ nb::object clip(nb::handle t, const py::Real& min_val, const py::Real& max_val) 
 }  // namespace
 
 void init_clip(nb::module_& m, nb::class_<QTensor>&) {
-  m.def("clip", &clip, nb::arg("t").none(), nb::arg("min_val").none(), nb::arg("max_val").none());
+  m.def("clip", &clip, nb::arg("t").none(), nb::arg("min_val").none(), nb::arg("max_val").none(),
+        py::doc("Each element limited to [min_val, max_val]; the gradient passes where the input lies within "
+                "the bounds, and is zero elsewhere.",
+                {"t: a QTensor.", "min_val: the lower bound, a real number.",
+                 "max_val: the upper bound, a real number."},
+                "A new QTensor; differentiable.").c_str());
 }
 TRAMEL_FAMILY(init_clip);
 

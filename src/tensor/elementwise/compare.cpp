@@ -8,9 +8,11 @@ namespace tramel::tensor {
 
 namespace {
 
-// Comparisons and logic: a core call and a trace, no gradient.
+// Comparisons and logic: the summary of the docstring, a core call and a
+// trace, no gradient.
 struct CompareRow {
   const char* name;
+  RowDoc doc;
   struct {
     CompareOp forward;
   } math;
@@ -23,23 +25,32 @@ struct CompareRow {
 };
 
 const CompareRow kCompare[] = {
-    {"equal", {CompareOp::Equal}, {"Equal", "_equal_", " op1 equal ", " op2 equal "}},
+    {"equal", {"Element-wise t1 == t2, the operands broadcast to one shape."}, {CompareOp::Equal},
+     {"Equal", "_equal_", " op1 equal ", " op2 equal "}},
     // (sic) not_equal's links say "equal".
-    {"not_equal", {CompareOp::NotEqual}, {"NotEqual", "_not_equal_", " op1 equal ", " op2 equal "}},
-    {"greater", {CompareOp::Greater}, {"Greater", "_greater_", " op1 greater ", " op2 greater "}},
-    {"greater_equal", {CompareOp::GreaterEqual},
+    {"not_equal", {"Element-wise t1 != t2, the operands broadcast to one shape."}, {CompareOp::NotEqual},
+     {"NotEqual", "_not_equal_", " op1 equal ", " op2 equal "}},
+    {"greater", {"Element-wise t1 > t2, the operands broadcast to one shape."}, {CompareOp::Greater},
+     {"Greater", "_greater_", " op1 greater ", " op2 greater "}},
+    {"greater_equal", {"Element-wise t1 >= t2, the operands broadcast to one shape."}, {CompareOp::GreaterEqual},
      {"GreaterOrEqual", "_greater_equal_", " op1 greater_equal ", " op2 greater_equal "}},
-    {"less", {CompareOp::Less}, {"Less", "_less_", " op1 less ", " op2 less "}},
-    {"less_equal", {CompareOp::LessEqual}, {"LessOrEqual", "_less_equal_", " op1 less_equal ", " op2 less_equal "}},
-    {"logical_and", {CompareOp::And}, {"And", "_and_", " op1 and ", " op2 and "}},
-    {"logical_or", {CompareOp::Or}, {"Or", "_or_", " op1 or ", " op2 or "}},
-    {"logical_xor", {CompareOp::Xor}, {"Xor", "_xor_", " op1 logical_xor ", " op2 logical_xor "}},
+    {"less", {"Element-wise t1 < t2, the operands broadcast to one shape."}, {CompareOp::Less},
+     {"Less", "_less_", " op1 less ", " op2 less "}},
+    {"less_equal", {"Element-wise t1 <= t2, the operands broadcast to one shape."}, {CompareOp::LessEqual},
+     {"LessOrEqual", "_less_equal_", " op1 less_equal ", " op2 less_equal "}},
+    {"logical_and", {"Element-wise logical and, the operands broadcast to one shape; nonzero is true."},
+     {CompareOp::And}, {"And", "_and_", " op1 and ", " op2 and "}},
+    {"logical_or", {"Element-wise logical or, the operands broadcast to one shape; nonzero is true."},
+     {CompareOp::Or}, {"Or", "_or_", " op1 or ", " op2 or "}},
+    {"logical_xor", {"Element-wise logical exclusive or, the operands broadcast to one shape; nonzero is true."},
+     {CompareOp::Xor}, {"Xor", "_xor_", " op1 logical_xor ", " op2 logical_xor "}},
 };
 
-// Float classes: a core call and a trace; their gradient (zeros) is in the
-// derivatives table.
+// Float classes: the summary of the docstring, a core call and a trace;
+// their gradient (zeros) is in the derivatives table.
 struct ClassifyRow {
   const char* name;
+  RowDoc doc;
   struct {
     ClassifyOp forward;
   } math;
@@ -52,11 +63,15 @@ struct ClassifyRow {
 };
 
 const ClassifyRow kClassify[] = {
-    {"isfinite", {ClassifyOp::IsFinite}, {"t isfinite grad ", "IsFinite", "_isfinite", " isfinite "}},
-    {"isinf", {ClassifyOp::IsInf}, {"t isinf grad ", "IsInf", "_isinf", " isinf "}},
-    {"isnan", {ClassifyOp::IsNan}, {"t isnan grad ", "IsNaN", "_isnan", " isnan "}},
-    {"isneginf", {ClassifyOp::IsNegInf}, {"t isneginf grad ", "IsNegInf", "_isneginf", " isneginf "}},
-    {"isposinf", {ClassifyOp::IsPosInf}, {"t isposinf grad ", "IsPosInf", "_isposinf", " isposinf "}},
+    {"isfinite", {"Whether each element is finite."}, {ClassifyOp::IsFinite},
+     {"t isfinite grad ", "IsFinite", "_isfinite", " isfinite "}},
+    {"isinf", {"Whether each element is infinite."}, {ClassifyOp::IsInf},
+     {"t isinf grad ", "IsInf", "_isinf", " isinf "}},
+    {"isnan", {"Whether each element is NaN."}, {ClassifyOp::IsNan}, {"t isnan grad ", "IsNaN", "_isnan", " isnan "}},
+    {"isneginf", {"Whether each element is negative infinity (real dtypes)."}, {ClassifyOp::IsNegInf},
+     {"t isneginf grad ", "IsNegInf", "_isneginf", " isneginf "}},
+    {"isposinf", {"Whether each element is positive infinity (real dtypes)."}, {ClassifyOp::IsPosInf},
+     {"t isposinf grad ", "IsPosInf", "_isposinf", " isposinf "}},
 };
 
 nb::object compare_op(Bound<CompareRow> op, nb::handle x1, nb::handle x2) {
@@ -73,7 +88,7 @@ nb::object compare_op(Bound<CompareRow> op, nb::handle x1, nb::handle x2) {
   return y;
 }
 
-nb::object logical_not_op(nb::handle t) {
+TensorResult logical_not_op(TensorArg t) {
   nb::object y = make_leaf_result(logical_not(core_of(t, "logical_not")), {t});
   record_gated(y, [&](QTensor& out) {
     replace_links(out, {{t, LazyLabel(" not ")}});
@@ -117,7 +132,7 @@ nb::object rich_compare(const RichRow& rich, nb::handle self, nb::handle other) 
   throw std::runtime_error(std::string(rich.method) + " not implmented for type " + py_text(other));
 }
 
-nb::object allclose(nb::handle t1, nb::handle t2, nb::handle rtol, nb::handle atol, nb::handle equal_nan) {
+nb::object allclose(TensorArg t1, TensorArg t2, nb::handle rtol, nb::handle atol, nb::handle equal_nan) {
   static nb::handle np_allclose = imported("numpy", "allclose");
   nb::dict options;
   options["rtol"] = rtol;
@@ -129,11 +144,21 @@ nb::object allclose(nb::handle t1, nb::handle t2, nb::handle rtol, nb::handle at
 }  // namespace
 
 void init_compare(nb::module_& m, nb::class_<QTensor>&) {
-  def_family<2>(m, "compare", kCompare, &compare_op);
-  m.def("logical_not", &logical_not_op, nb::arg("t").none());
-  def_family<1>(m, "classify", kClassify, &classify_op);
+  constexpr const char* kNoGraph =
+      "A new kbool QTensor outside the graph: it passes requires_grad on, without edges.";
+  def_family<2>(m, "compare", kCompare, &compare_op, {"t1: a QTensor.", kSecondOperand}, kNoGraph);
+  m.def("logical_not", &logical_not_op, nb::arg("t").none(),
+        py::doc("Element-wise logical not; nonzero is true.", {"t: a QTensor."}, kNoGraph).c_str());
+  def_family<1>(m, "classify", kClassify, &classify_op, {"t: a QTensor."},
+                "A new kbool QTensor of t's shape; its gradient is zero.");
   m.def("allclose", &allclose, nb::arg("t1").none(), nb::arg("t2").none(), nb::arg("rtol").none(),
-        nb::arg("atol").none(), nb::arg("equal_nan").none());
+        nb::arg("atol").none(), nb::arg("equal_nan").none(),
+        py::doc("Whether two tensors are equal within a tolerance, as numpy.allclose decides on their values.",
+                {"t1: a QTensor (any object with to_numpy()).", "t2: likewise.",
+                 "rtol: the relative tolerance, as numpy.allclose takes it.",
+                 "atol: the absolute tolerance, as numpy.allclose takes it.",
+                 "equal_nan: whether NaNs in the same places count as equal, as numpy.allclose takes it."},
+                "numpy.allclose's result, a bool.").c_str());
 
   // The comparison slot of QTensor: op is Py_LT, Py_LE, Py_EQ, Py_NE, Py_GT or Py_GE.
   g_operators.compare = [](nb::handle self, nb::handle other, int op) {

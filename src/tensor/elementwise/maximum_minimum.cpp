@@ -9,6 +9,7 @@ namespace {
 
 struct ExtremumRow {
   const char* name;
+  RowDoc doc;
   struct {
     BinaryOp forward;
   } math;
@@ -21,8 +22,10 @@ struct ExtremumRow {
 };
 
 const ExtremumRow kExtrema[] = {
-    {"maximum", {BinaryOp::Maximum}, {"maximum t1 grad of tensor ", "maximum t2 grad of tensor ", "Maximum", "_maximum_"}},
-    {"minimum", {BinaryOp::Minimum}, {"", "", "Minimum", "_minimum_"}},
+    {"maximum", {"Element-wise maximum of two tensors of one shape; a NaN on either side wins."}, {BinaryOp::Maximum},
+     {"maximum t1 grad of tensor ", "maximum t2 grad of tensor ", "Maximum", "_maximum_"}},
+    {"minimum", {"Element-wise minimum of two tensors of one shape; a NaN on either side wins."}, {BinaryOp::Minimum},
+     {"", "", "Minimum", "_minimum_"}},
 };
 
 nb::object extremum(Bound<ExtremumRow> op, nb::handle t1, nb::handle t2) {
@@ -51,7 +54,10 @@ Tensor selection_weights(const Tensor& x, const Tensor& z, const Tensor& y, DTyp
   return binary(BinaryOp::Div, wins, ties);
 }
 
-void init_maximum_minimum(nb::module_& m, nb::class_<QTensor>&) { def_family<2>(m, "extrema", kExtrema, &extremum); }
+void init_maximum_minimum(nb::module_& m, nb::class_<QTensor>&) {
+  def_family<2>(m, "extrema", kExtrema, &extremum, {"t1: a QTensor.", "t2: a QTensor of t1's shape."},
+                "A new QTensor; differentiable, tied elements share the gradient equally.");
+}
 TRAMEL_FAMILY(init_maximum_minimum);
 
 }  // namespace tramel::tensor

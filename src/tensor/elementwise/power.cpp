@@ -30,7 +30,10 @@ nb::object power(nb::handle x1, nb::handle x2) {
 }  // namespace
 
 void init_power(nb::module_& m, nb::class_<QTensor>&) {
-  m.def("power", &power, nb::arg("t1").none(), nb::arg("t2").none());
+  m.def("power", [](TensorArg t1, TensorArg t2) -> TensorResult { return power(t1, t2); }, nb::arg("t1").none(),
+        nb::arg("t2").none(),
+        py::doc("Element-wise power t1 ** t2, the operands broadcast to one shape.", {"t1: a QTensor.", kSecondOperand},
+                "A new QTensor; differentiable in both operands.").c_str());
   g_operators.pow = &power;  // the power slot of QTensor
 }
 TRAMEL_FAMILY(init_power);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/autograd/toposort.h"
 
@@ -161,15 +162,21 @@ void init_export(nb::module_& m) {
   g_opnodesinfo = imported("pytramel.onnx.export", "OPNodesInfo").ptr();
   m.attr("OPNodesInfo") = nb::handle(g_opnodesinfo);
   m.attr("get_onnx_convert_config") = exporter.attr("get_onnx_convert_config");
-  m.def("get_opinfo", &get_opinfo, nb::arg("end_node").none());
+  m.def("get_opinfo", [](TensorArg end_node) { return get_opinfo(end_node); }, nb::arg("end_node").none(),
+        py::doc("The export records of the graph below a tensor, read from each tensor's name where the exporter "
+                "left one. The walk gives tensors their zero grad, as a backward pass does.",
+                {"end_node: a QTensor."},
+                "An OrderedDict from opid to OPNodesInfo, in the order of the walk, each opid once.").c_str());
   // Benchmark probe: nanoseconds per gated recording step of `y` under the
   // current settings, averaged over `calls` (benchmarks/bench_host.py).
-  m.def("_recording_step_ns", [](nb::handle y, int64_t calls) {
+  m.def("_recording_step_ns", [](TensorArg y, int64_t calls) {
     auto start = std::chrono::steady_clock::now();
     for (int64_t i = 0; i < calls; ++i) record_cast(y, y);
     std::chrono::duration<double, std::nano> spent = std::chrono::steady_clock::now() - start;
     return spent.count() / double(calls > 0 ? calls : 1);
-  }, nb::arg("y"), nb::arg("calls"));
+  }, nb::arg("y"), nb::arg("calls"),
+     py::doc("Nanoseconds per gated recording step of a tensor under the current export settings.",
+             {"y: a QTensor.", "calls: the number of steps to average over."}, "A float.").c_str());
 }
 
 }  // namespace tramel::tensor

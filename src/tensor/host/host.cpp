@@ -1,4 +1,5 @@
 // Data out to numpy, copies and clones of a tensor, and small dtype helpers.
+#include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/qtensor.h"
 
@@ -63,8 +64,11 @@ void init_host(nb::module_& m, nb::class_<QTensor>& cls) {
                                            nb::module_::import_("numpy").attr("generic"));
   m.attr("slice_none_Placeholder") = 2147483646;
 
-  cls.def("to_numpy", &to_numpy);
-  cls.def_static("_to_numpy", &to_numpy, nb::arg("qtensor").none());
+  constexpr const char* kNumpyCopy = "A new numpy array.";
+  cls.def("to_numpy", &to_numpy, py::doc("A numpy copy of the values, from any device.", {}, kNumpyCopy).c_str());
+  cls.def_static("_to_numpy", [](TensorArg qtensor) { return to_numpy(qtensor); }, nb::arg("qtensor").none(),
+                 py::doc("A numpy copy of a tensor's values, from any device.", {"qtensor: a QTensor."}, kNumpyCopy)
+                     .c_str());
   cls.def("numpy", [](const QTensor& q) {
     const Tensor& data = core_of(q, "numpy");
     if (data.device() != kCpuDevice)
@@ -72,25 +76,48 @@ void init_host(nb::module_& m, nb::class_<QTensor>& cls) {
           "to_numpy can only use on CPU Tensor.Please use toCPU() to move data to CPU, or use CPU() to copy data "
           "to CPU.");
     return py::numpy_copy(data, "numpy");
-  });
-  cls.def("_copy_c_data_from", [](QTensor& self, nb::handle other) {
+  }, py::doc("A numpy copy of the values of a processor tensor; an accelerator tensor is refused.", {}, kNumpyCopy)
+         .c_str());
+  cls.def("_copy_c_data_from", [](QTensor& self, TensorArg other) {
     copy_into(core_of(as_qtensor(other, "_copy_c_data_from"), "_copy_c_data_from"), core_of(self, "_copy_c_data_from"));
-  }, nb::arg("qtensor").none());
-  cls.def("copy_value_from", &copy_value_from, nb::arg("other_tensor").none());
-  cls.def("copy", &copy);
-  cls.def("clone", &clone);
-  cls.def_prop_ro("is_bool", [](const QTensor& q) { return core_of(q, "is_bool").dtype() == DType::Bool; });
+  }, nb::arg("qtensor").none(),
+     py::doc("Copies another tensor's values into this one, in place, converted to this one's dtype.",
+             {"qtensor: a QTensor of this tensor's shape."}).c_str());
+  cls.def("copy_value_from", [](nb::handle self, TensorArg other) { copy_value_from(self, other); },
+          nb::arg("other_tensor").none(),
+          py::doc("Copies another tensor's values into this one, in place; the other tensor's data is first "
+                  "converted to this one's dtype, and keeps it.",
+                  {"other_tensor: a QTensor of this tensor's shape."}).c_str());
+  cls.def("copy", [](nb::handle self) -> TensorResult { return copy(self); },
+          py::doc("A copy of the values on the same device, cut off from the graph.", {},
+                  "A new QTensor; requires_grad False.").c_str());
+  cls.def("clone", [](nb::handle self) -> TensorResult { return clone(self); },
+          py::doc("A copy of the values that is a second result of the operation that made this tensor: while "
+                  "requires_grad is true, its edges lead to the same inputs, and this tensor gets no gradient "
+                  "from it.",
+                  {}, "A new QTensor with this tensor's requires_grad.").c_str());
+  cls.def_prop_ro("is_bool", [](const QTensor& q) { return core_of(q, "is_bool").dtype() == DType::Bool; },
+                  "Whether the dtype is kbool.");
 
   m.def("helper_function_to_cast_core_tensor_dtype",
         [](nb::handle core_tensor, nb::handle target_dtype, nb::handle if_new) {
           return core_tensor.attr("toDtype")(target_dtype, if_new);
         },
-        nb::arg("core_tensor").none(), nb::arg("target_dtype").none(), nb::arg("if_new").none() = false);
+        nb::arg("core_tensor").none(), nb::arg("target_dtype").none(), nb::arg("if_new").none() = false,
+        py::doc("A core tensor converted to a dtype, by its toDtype method.",
+                {"core_tensor: a _core.Tensor.", "target_dtype: a dtype constant.",
+                 "if_new: a bool: copy even when the dtype is the tensor's own."},
+                "A _core.Tensor: core_tensor itself when it has the dtype and if_new is false.").c_str());
   m.def("helper_function_copy_c_tensor", [](nb::handle src) {
     const Tensor& t = as_core(src, "helper_function_copy_c_tensor");
     return wrap_core(to_device(t, t.device(), "copyTensor"));
-  }, nb::arg("src").none());
-  m.def("float2complex", &float2complex, nb::arg("param").none());
+  }, nb::arg("src").none(),
+     py::doc("A copy of a core tensor on its own device.", {"src: a _core.Tensor."}, "A new _core.Tensor.").c_str());
+  m.def("float2complex", &float2complex, nb::arg("param").none(),
+        py::doc("A real tensor converted to its complex partner: float32 to complex64, float64 to complex128.",
+                {"param: a QTensor or a _core.Tensor of a float or complex dtype; other dtypes are refused."},
+                "param.astype(the complex dtype), differentiable for a QTensor; param itself when it is complex "
+                "already.").c_str());
 }
 
 }  // namespace tramel::tensor

@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object cumsum_op(nb::handle t, const py::Axis& axis) {
+TensorResult cumsum_op(TensorArg t, const py::Axis& axis) {
   static const Derivatives& derivatives = derivatives_of("cumsum");
   const Tensor& x = core_of(t, "cumsum");
   int64_t a = axis.get("cumsum");
@@ -25,7 +25,9 @@ nb::object cumsum_op(nb::handle t, const py::Axis& axis) {
 }  // namespace
 
 void init_cumsum(nb::module_& m, nb::class_<QTensor>&) {
-  m.def("cumsum", &cumsum_op, nb::arg("t").none(), nb::arg("axis").none() = -1);
+  m.def("cumsum", &cumsum_op, nb::arg("t").none(), nb::arg("axis").none() = -1,
+        py::doc("Running sums along one axis.", {"t: a QTensor.", "axis: the axis; negative ones count from the end."},
+                "A new QTensor of t's shape; differentiable.").c_str());
 }
 TRAMEL_FAMILY(init_cumsum);
 

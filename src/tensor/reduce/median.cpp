@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object median_op(nb::handle t, const py::Axis& axis, nb::handle keepdims) {
+TensorResult median_op(TensorArg t, const py::Axis& axis, nb::handle keepdims) {
   QTensor& q = as_qtensor(t, "median");
   const Tensor& x = core_of(q, "median");
   if (axis.is_none())
@@ -20,7 +20,10 @@ nb::object median_op(nb::handle t, const py::Axis& axis, nb::handle keepdims) {
 
 void init_median(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("median", &median_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("median", &median_op, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false,
+        py::doc("The median, of all elements or along one axis; an even count gives the mean of the middle two.",
+                {"t: a QTensor of a real dtype.", kOneAxis, kKeepAxis},
+                "A new QTensor outside the graph: it passes requires_grad on, without edges.").c_str());
 }
 TRAMEL_FAMILY(init_median);
 

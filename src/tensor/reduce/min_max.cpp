@@ -11,6 +11,7 @@ namespace {
 
 struct ExtremeRow {
   const char* name;
+  RowDoc doc;
   struct {
     Tensor (*all)(const Tensor&);
     Tensor (*along)(const Tensor&, const std::vector<int64_t>&, bool);
@@ -25,8 +26,10 @@ struct ExtremeRow {
 };
 
 const ExtremeRow kExtremes[] = {
-    {"min", {&tramel::min, &tramel::min, true}, {" min grad", "Min", "_min_", " min "}},
-    {"max", {&tramel::max, &tramel::max, false}, {" max grad", "Max", "_max_", " max "}},
+    {"min", {"The smallest value, of all elements or along one axis; NaN propagates."},
+     {&tramel::min, &tramel::min, true}, {" min grad", "Min", "_min_", " min "}},
+    {"max", {"The largest value, of all elements or along one axis; NaN propagates."},
+     {&tramel::max, &tramel::max, false}, {" max grad", "Max", "_max_", " max "}},
 };
 
 // _min_max_match_shape: x expanded over `shape`, with a length-one axis at
@@ -40,8 +43,8 @@ Tensor match_shape(const Tensor& x, const Shape& shape, const InlineInts& axes) 
   return broadcast_to(reshape(x, kept), shape);
 }
 
-nb::object extreme(const ExtremeRow& row, const Derivatives& derivatives, nb::handle t, const py::Axis& axis,
-                   nb::handle keepdims) {
+TensorResult extreme(const ExtremeRow& row, const Derivatives& derivatives, TensorArg t, const py::Axis& axis,
+                     nb::handle keepdims) {
   QTensor& q = as_qtensor(t, row.name);
   const Tensor& x = core_of(q, row.name);
   Shape shape = x.shape();
@@ -83,8 +86,11 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
     const ExtremeRow* r = &row;
     const Derivatives* d = &derivatives_of(row.name);
     m.def(row.name,
-          [r, d](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return extreme(*r, *d, t, axis, keepdims); },
-          nb::arg("t").none(), nb::arg("axis").none() = nb::none(), nb::arg("keepdims").none() = false);
+          [r, d](TensorArg t, const py::Axis& axis, nb::handle keepdims) { return extreme(*r, *d, t, axis, keepdims); },
+          nb::arg("t").none(), nb::arg("axis").none() = nb::none(), nb::arg("keepdims").none() = false,
+          py::doc(row.doc.summary, {"t: a QTensor of a real dtype.", kOneAxis, kKeepAxis},
+                  "A new QTensor; differentiable: over all elements tied extremes share the gradient equally, "
+                  "along an axis each receives all of it.").c_str());
     names.append(row.name);
   }
   register_family_names("extremes", names);
@@ -92,7 +98,11 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
     InlineInts axes;
     if (!axis.is_none()) axes = {axis.get("_min_max_match_shape")};
     return wrap_core(match_shape(as_core(x, "_min_max_match_shape"), shape.shape("_min_max_match_shape"), axes));
-  }, nb::arg("x").none(), nb::arg("shape").none(), nb::arg("axis").none());
+  }, nb::arg("x").none(), nb::arg("shape").none(), nb::arg("axis").none(),
+     py::doc("A reduced tensor spread back over a shape, as the gradient of min and max does it.",
+             {"x: a _core.Tensor, reduced along axis (or over all elements).", "shape: the shape to spread over.",
+              "axis: the reduced axis, or None for all of them."},
+             "A new _core.Tensor of the shape.").c_str());
   m.def("_min_max_grad", [](nb::handle x, nb::handle result, nb::handle inputs, const py::Axis& axis) {
     // The same computation as an edge of min/max, on core tensors given
     // directly; a float result becomes a core tensor on the inputs' device.
@@ -103,7 +113,12 @@ void init_min_max(nb::module_& m, nb::class_<QTensor>&) {
     if (!axis.is_none()) axes = {axis.get("_min_max_grad")};
     return wrap_core(min_max_grad(as_core(x, "_min_max_grad"), as_core(inputs, "_min_max_grad"),
                                   as_core(value, "_min_max_grad"), axes));
-  }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none());
+  }, nb::arg("x").none(), nb::arg("result").none(), nb::arg("inputs").none(), nb::arg("axis").none(),
+     py::doc("The gradient of min or max, as their edges compute it.",
+             {"x: the incoming gradient, a _core.Tensor.", "result: the forward result, a _core.Tensor or a float.",
+              "inputs: the forward input, a _core.Tensor.", "axis: the reduced axis, or None for all elements."},
+             "A new _core.Tensor of the input's shape: over all elements tied extremes share the gradient equally, "
+             "along an axis each receives all of it.").c_str());
 }
 
 TRAMEL_FAMILY(init_min_max);

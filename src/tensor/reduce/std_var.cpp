@@ -61,6 +61,7 @@ Tensor var_grad_withaxis(const Tensor& x, nb::handle t, const Shape& shape, int6
 
 struct SpreadRow {
   const char* name;
+  RowDoc doc;
   struct {
     Tensor (*all)(const Tensor&, bool);
     Tensor (*along)(const Tensor&, const std::vector<int64_t>&, bool, bool);
@@ -72,12 +73,13 @@ struct SpreadRow {
 };
 
 const SpreadRow kSpread[] = {
-    {"std", {&tramel::std, &tramel::std}, {"Std", "_std_"}},
-    {"var", {&tramel::var, &tramel::var}, {"Var", "_var_"}},
+    {"std", {"The standard deviation, of all elements or along one axis."}, {&tramel::std, &tramel::std},
+     {"Std", "_std_"}},
+    {"var", {"The variance, of all elements or along one axis."}, {&tramel::var, &tramel::var}, {"Var", "_var_"}},
 };
 
-nb::object std_or_var(const SpreadRow& row, const Derivatives& derivatives, nb::handle t, const py::Axis& axis,
-                      nb::handle keepdims, nb::handle unbiased) {
+TensorResult std_or_var(const SpreadRow& row, const Derivatives& derivatives, TensorArg t, const py::Axis& axis,
+                        nb::handle keepdims, nb::handle unbiased) {
   const Tensor& x = core_of(t, row.name);
   // The core gets unbiased as Python truth; the gradients divide by n - 1
   // only for the object True.
@@ -118,35 +120,62 @@ void init_std_var(nb::module_& m, nb::class_<QTensor>&) {
     const SpreadRow* r = &row;
     const Derivatives* d = &derivatives_of(row.name);
     m.def(row.name,
-          [r, d](nb::handle t, const py::Axis& axis, nb::handle keepdims, nb::handle unbiased) {
+          [r, d](TensorArg t, const py::Axis& axis, nb::handle keepdims, nb::handle unbiased) {
             return std_or_var(*r, *d, t, axis, keepdims, unbiased);
           },
-          arg("t"), arg("axis") = nb::none(), arg("keepdims") = false, arg("unbiased") = true);
+          arg("t"), arg("axis") = nb::none(), arg("keepdims") = false, arg("unbiased") = true,
+          py::doc(row.doc.summary,
+                  {"t: a QTensor.", kOneAxis, kKeepAxis,
+                   "unbiased: divide by n - 1 when true, else by n; any object, read by its truth (the gradient "
+                   "divides by n - 1 only for True itself)."},
+                  "A new QTensor; differentiable.").c_str());
     names.append(row.name);
   }
   register_family_names("spread", names);
 
   // The gradient helpers, callable on their own.
+  constexpr const char* kGradT = "t: the QTensor that the forward call reduced.";
+  constexpr const char* kGradShape = "t_shape: t's shape.";
+  constexpr const char* kGradAxis = "axis: the reduced axis; negative counts from the end.";
+  constexpr const char* kGradKeep = "keepdims: not read; any object.";
+  constexpr const char* kGradUnbiased = "unbiased: divide by n - 1 only when it is True itself, else by n.";
+  constexpr const char* kGradResult = "A new _core.Tensor of t's shape.";
   m.def("var_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
     auto [data, n] = var_match_shape(as_core(x, "var_match_shape"), shape.shape("var_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(data)), n);
-  }, arg("x"), arg("shape"), nb::arg("axis"));
-  m.def("_std_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle data, nb::handle unbiased) {
+  }, arg("x"), arg("shape"), nb::arg("axis"),
+     py::doc("A tensor reduced along one axis, spread back over a shape, and the length of that axis.",
+             {"x: a _core.Tensor, reduced along axis.", "shape: the shape to spread over.", kGradAxis},
+             "A tuple: a new _core.Tensor of the shape, and the axis's length.").c_str());
+  m.def("_std_grad_withoutaxis", [](nb::handle g, TensorArg t, nb::handle data, nb::handle unbiased) {
     return wrap_core(std_grad_withoutaxis(as_core(g, "std"), t, as_core(data, "std"), unbiased_arg(unbiased)));
-  }, arg("g"), arg("t"), arg("data"), arg("unbiased"));
-  m.def("_std_grad_withaxis", [](nb::handle x, nb::handle t, nb::handle data, const py::IntList& t_shape,
+  }, arg("g"), arg("t"), arg("data"), arg("unbiased"),
+     py::doc("The gradient of std over all elements.",
+             {"g: the incoming gradient, a one-element _core.Tensor.", kGradT,
+              "data: the forward result, a _core.Tensor.", kGradUnbiased},
+             kGradResult).c_str());
+  m.def("_std_grad_withaxis", [](nb::handle x, TensorArg t, nb::handle data, const py::IntList& t_shape,
                                  int64_t axis, nb::handle, nb::handle unbiased) {
     return wrap_core(std_grad_withaxis(as_core(x, "std"), t, as_core(data, "std"), t_shape.shape("std", "t_shape"),
                                        axis, unbiased_arg(unbiased)));
-  }, arg("x"), arg("t"), arg("data"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
-  m.def("_var_grad_withoutaxis", [](nb::handle g, nb::handle t, nb::handle unbiased) {
+  }, arg("x"), arg("t"), arg("data"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"),
+     py::doc("The gradient of std along one axis.",
+             {"x: the incoming gradient, a _core.Tensor.", kGradT, "data: the forward result, a _core.Tensor.",
+              kGradShape, kGradAxis, kGradKeep, kGradUnbiased},
+             kGradResult).c_str());
+  m.def("_var_grad_withoutaxis", [](nb::handle g, TensorArg t, nb::handle unbiased) {
     return wrap_core(var_grad_withoutaxis(as_core(g, "var"), t, unbiased_arg(unbiased)));
-  }, arg("g"), arg("t"), arg("unbiased"));
-  m.def("_var_grad_withaxis", [](nb::handle x, nb::handle t, const py::IntList& t_shape, int64_t axis, nb::handle,
+  }, arg("g"), arg("t"), arg("unbiased"),
+     py::doc("The gradient of var over all elements.",
+             {"g: the incoming gradient, a one-element _core.Tensor.", kGradT, kGradUnbiased}, kGradResult).c_str());
+  m.def("_var_grad_withaxis", [](nb::handle x, TensorArg t, const py::IntList& t_shape, int64_t axis, nb::handle,
                                  nb::handle unbiased) {
     return wrap_core(var_grad_withaxis(as_core(x, "var"), t, t_shape.shape("var", "t_shape"), axis,
                                        unbiased_arg(unbiased)));
-  }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"));
+  }, arg("x"), arg("t"), arg("t_shape"), nb::arg("axis"), arg("keepdims"), arg("unbiased"),
+     py::doc("The gradient of var along one axis.",
+             {"x: the incoming gradient, a _core.Tensor.", kGradT, kGradShape, kGradAxis, kGradKeep, kGradUnbiased},
+             kGradResult).c_str());
 }
 
 TRAMEL_FAMILY(init_std_var);

@@ -23,7 +23,7 @@ int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze
   return dim;
 }
 
-nb::object sums(nb::handle t, const py::Axes& axis, nb::handle keepdims) {
+TensorResult sums(TensorArg t, const py::Axes& axis, nb::handle keepdims) {
   static const Derivatives& over_all = derivatives_of("sums");
   static const Derivatives& along_axes = derivatives_of("sums along axes");
   QTensor& q = as_qtensor(t, "sums");
@@ -102,23 +102,46 @@ int64_t maybe_wrap_dim_unsqueeze(int64_t dim, int64_t ndim) { return wrap_dim(di
 
 void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
-  m.def("mean", [](nb::handle t, const py::Axis& axis, nb::handle keepdims) { return mean_of(t, axis, keepdims); },
-        arg("t"), arg("axis") = nb::none(), arg("keepdims") = false);
+  m.def("sums", &sums, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false,
+        py::doc("Sum of elements, over all of them or along axes.",
+                {"t: a QTensor.", "axis: None for all elements (a one-element result), an int or a list of ints.",
+                 "keepdims: keep reduced axes as length one; any object, read by its truth."},
+                "A new QTensor; differentiable.").c_str());
+  m.def("mean", [](TensorArg t, const py::Axis& axis, nb::handle keepdims) -> TensorResult {
+    return mean_of(t, axis, keepdims);
+  }, arg("t"), arg("axis") = nb::none(), arg("keepdims") = false,
+     py::doc("The mean, of all elements or along one axis.", {"t: a QTensor.", kOneAxis, kKeepAxis},
+             "A new QTensor; differentiable.").c_str());
   m.def("_mean_match_shape", [](nb::handle x, const py::IntList& shape, int64_t axis) {
     auto [grad, n] = mean_match_shape(as_core(x, "_mean_match_shape"), shape.shape("_mean_match_shape"), axis);
     return nb::make_tuple(wrap_core(std::move(grad)), n);
-  }, arg("x"), arg("shape"), nb::arg("axis"));
+  }, arg("x"), arg("shape"), nb::arg("axis"),
+     py::doc("A tensor reduced along one axis, spread back over a shape, and the length of that axis.",
+             {"x: a _core.Tensor, reduced along axis.", "shape: the shape to spread over.",
+              "axis: the reduced axis; negative counts from the end."},
+             "A tuple: a new _core.Tensor of the shape, and the axis's length.").c_str());
+  constexpr const char* kDim = "dim: the axis; negative ones count from the end.";
+  constexpr const char* kNdim = "dim_post_expr: the number of dimensions, n.";
+  constexpr const char* kWrapScalar = "wrap_scalar: take no dimensions as one; if false, n = 0 is refused.";
   m.def("maybe_wrap_dim", [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, false); },
-        nb::arg("dim"), nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
+        nb::arg("dim"), nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true,
+        py::doc("An axis of n dimensions made non-negative.", {kDim, kNdim, kWrapScalar},
+                "An int in [0, n); AssertionError when dim is outside [-n, n - 1].").c_str());
   m.def("maybe_wrap_dim_unsqueeze",
         [](int64_t dim, int64_t n, bool wrap_scalar) { return wrap_dim(dim, n, wrap_scalar, true); }, nb::arg("dim"),
-        nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true);
+        nb::arg("dim_post_expr"), nb::arg("wrap_scalar") = true,
+        py::doc("The place to insert an axis into n dimensions, made non-negative.",
+                {"dim: where the new axis goes; a negative one counts from one past the end.", kNdim, kWrapScalar},
+                "An int; AssertionError when dim is outside [-n, n - 1].").c_str());
   m.def("_helper_func_parse_dims", [](const py::IntList& dims, int64_t ndim) {
     nb::list out;
     for (int64_t d : dims.get("_helper_func_parse_dims", "axis")) out.append(wrap_dim(d, ndim, true, false));
     return out;
-  }, arg("dim"), nb::arg("ndim"));
+  }, arg("dim"), nb::arg("ndim"),
+     py::doc("Axes of ndim dimensions made non-negative.",
+             {"dim: an axis or a sequence of axes; negative ones count from the end.",
+              "ndim: the number of dimensions."},
+             "A new list of ints; AssertionError for an axis out of range.").c_str());
   m.def("_helper_func_fill_dims", [](int64_t dim1, int64_t dim2, int64_t ndim) {
     std::vector<int64_t> dims(size_t(std::max<int64_t>(ndim, 0)));
     for (size_t i = 0; i < dims.size(); ++i) dims[i] = int64_t(i);
@@ -128,7 +151,10 @@ void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
     nb::list out;
     for (int64_t d : dims) out.append(d);
     return out;
-  }, nb::arg("dim1"), nb::arg("dim2"), nb::arg("ndim"));
+  }, nb::arg("dim1"), nb::arg("dim2"), nb::arg("ndim"),
+     py::doc("The order of ndim axes with two of them exchanged.",
+             {"dim1: an axis, 0 to ndim - 1.", "dim2: an axis, 0 to ndim - 1.", "ndim: the number of dimensions."},
+             "A new list of ints; IndexError for an axis out of range.").c_str());
 }
 
 TRAMEL_FAMILY(init_sum_mean);

@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object broadcast_to_op(nb::handle t, const py::IntList& ref) {
+TensorResult broadcast_to_op(TensorArg t, const py::IntList& ref) {
   static const Derivatives& derivatives = derivatives_of("broadcast_to");
   const Tensor& x = core_of(t, "broadcast_to");
   Shape shape = x.shape();
@@ -27,7 +27,9 @@ nb::object broadcast_to_op(nb::handle t, const py::IntList& ref) {
 
 void init_broadcast_to(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("broadcast_to", &broadcast_to_op, arg("t"), arg("ref"));
+  m.def("broadcast_to", &broadcast_to_op, arg("t"), arg("ref"),
+        py::doc("The tensor expanded to a shape by broadcasting.", {"t: a QTensor.", "ref: the shape, a list of ints."},
+                "A new QTensor of that shape; differentiable, the gradient sums over the expansion.").c_str());
 }
 TRAMEL_FAMILY(init_broadcast_to);
 

@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object flip_op(nb::handle t, const py::Axes& flip_dims) {
+TensorResult flip_op(TensorArg t, const py::Axes& flip_dims) {
   static const Derivatives& derivatives = derivatives_of("flip");
   const Tensor& x = core_of(t, "flip");
   std::vector<int64_t> dims = flip_dims.get("flip", "flip_dims");
@@ -27,7 +27,10 @@ nb::object flip_op(nb::handle t, const py::Axes& flip_dims) {
 
 void init_flip(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("flip", &flip_op, arg("t"), arg("flip_dims"));
+  m.def("flip", &flip_op, arg("t"), arg("flip_dims"),
+        py::doc("The tensor reversed along axes.",
+                {"t: a QTensor.", "flip_dims: an axis or a list of axes; negative ones count from the end."},
+                "A new QTensor of t's shape; differentiable.").c_str());
 }
 TRAMEL_FAMILY(init_flip);
 

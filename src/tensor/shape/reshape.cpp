@@ -68,7 +68,7 @@ nb::object flattened(nb::handle t, int64_t start, int64_t end, bool method) {
   return y;
 }
 
-nb::object swapaxis_op(nb::handle t, const py::Axis& axis1, const py::Axis& axis2) {
+TensorResult swapaxis_op(TensorArg t, const py::Axis& axis1, const py::Axis& axis2) {
   static const Derivatives& derivatives = derivatives_of("swapaxis");
   const Tensor& x = core_of(t, "swapaxis");
   Shape shape = x.shape();
@@ -81,7 +81,7 @@ nb::object swapaxis_op(nb::handle t, const py::Axis& axis1, const py::Axis& axis
   return y;
 }
 
-nb::object transposed(nb::handle t, const py::IntList& dim) {
+TensorResult transposed(nb::handle t, const py::IntList& dim) {
   static const Derivatives& derivatives = derivatives_of("transpose");
   const Tensor& x = core_of(t, "transpose");
   std::vector<int64_t> dims = dim.get("transpose", "dim");
@@ -134,21 +134,39 @@ std::vector<int64_t> inverse_permutation(const InlineInts& dims) {
 
 void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("reshape", [](nb::handle t, const py::IntList& shape) { return reshaped(t, shape, false); }, arg("t"),
-        arg("shape"));
-  m.def("flatten", [](nb::handle t, int64_t start, int64_t end) { return flattened(t, start, end, false); }, arg("t"),
-        nb::arg("start") = 0, nb::arg("end") = -1);
-  m.def("swapaxis", &swapaxis_op, arg("t"), arg("axis1"), arg("axis2"));
-  m.def("transpose", &transposed, arg("t"), arg("dim"));
-  m.def("permute", [](nb::handle t, const py::IntList& dim) {
+  constexpr const char* kDifferentiable = "A new QTensor; differentiable.";
+  constexpr const char* kStart = "start: the first axis to merge.";
+  constexpr const char* kEnd = "end: the last axis to merge; negative ones count from the end.";
+  m.def("reshape", [](TensorArg t, const py::IntList& shape) -> TensorResult { return reshaped(t, shape, false); },
+        arg("t"), arg("shape"),
+        py::doc("The values in a new shape.",
+                {"t: a QTensor.", "shape: the new dimensions, a list or tuple of ints; one may be -1, for the rest."},
+                kDifferentiable).c_str());
+  m.def("flatten", [](TensorArg t, int64_t start, int64_t end) -> TensorResult {
+    return flattened(t, start, end, false);
+  }, arg("t"), nb::arg("start") = 0, nb::arg("end") = -1,
+     py::doc("The tensor with the axes from start to end merged into one.", {"t: a QTensor.", kStart, kEnd},
+             kDifferentiable).c_str());
+  m.def("swapaxis", &swapaxis_op, arg("t"), arg("axis1"), arg("axis2"),
+        py::doc("The tensor with two axes exchanged.", {"t: a QTensor.", "axis1: an axis.", "axis2: an axis."},
+                kDifferentiable).c_str());
+  m.def("transpose", [](TensorArg t, const py::IntList& dim) { return transposed(t, dim); }, arg("t"), arg("dim"),
+        py::doc("The tensor with its axes in a new order.",
+                {"t: a QTensor.", "dim: the new order, an axis number for each place."}, kDifferentiable).c_str());
+  m.def("permute", [](TensorArg t, const py::IntList& dim) {
     require_list(dim, "dim");
     return transposed(t, dim);
-  }, arg("t"), arg("dim"));
+  }, arg("t"), arg("dim"),
+     py::doc("The tensor with its axes in a new order.",
+             {"t: a QTensor.", "dim: the new order, a list of an axis number for each place."}, kDifferentiable)
+         .c_str());
 
-  cls.def("reshape", [](nb::handle self, const py::IntList& new_shape) {
+  constexpr const char* kNewShape =
+      "new_shape: the new dimensions, a list or tuple of non-negative ints with the tensor's number of elements.";
+  cls.def("reshape", [](nb::handle self, const py::IntList& new_shape) -> TensorResult {
     check_reshape(as_qtensor(self, "reshape"), new_shape);
     return reshaped(self, new_shape, true);
-  }, arg("new_shape"));
+  }, arg("new_shape"), py::doc("The values in a new shape.", {kNewShape}, kDifferentiable).c_str());
   cls.def("reshape_", [](nb::handle self, const py::IntList& new_shape) {
     QTensor& q = as_qtensor(self, "reshape_");
     Tensor& x = core_of(q, "reshape_");
@@ -160,11 +178,16 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
       assertion("second para should be list or tuple");
     check_reshape(q, new_shape);
     x.assign(reshape(x, new_shape.get("reshape_", "new_shape")));
-  }, arg("new_shape"));
-  cls.def("unsqueeze", [](nb::handle self, const py::Axis& axis) { return unsqueeze_op(self, axis); }, arg("axis"));
-  cls.def("flatten", [](nb::handle self, int64_t start, int64_t end) { return flattened(self, start, end, true); },
-          nb::arg("start") = 0, nb::arg("end") = -1);
-  cls.def("transpose", [](nb::handle self, const py::IntList& new_dims) -> nb::object {
+  }, arg("new_shape"), py::doc("Reshapes the tensor itself, in place, outside the graph.", {kNewShape}).c_str());
+  cls.def("unsqueeze", [](nb::handle self, const py::Axis& axis) -> TensorResult { return unsqueeze_op(self, axis); },
+          arg("axis"),
+          py::doc("The tensor with an axis of length one inserted.", {kInsertedAxis}, kDifferentiable).c_str());
+  cls.def("flatten", [](nb::handle self, int64_t start, int64_t end) -> TensorResult {
+    return flattened(self, start, end, true);
+  }, nb::arg("start") = 0, nb::arg("end") = -1,
+     py::doc("The tensor with the axes from start to end merged into one.", {kStart, kEnd}, kDifferentiable)
+         .c_str());
+  cls.def("transpose", [](nb::handle self, const py::IntList& new_dims) -> TensorResult {
     QTensor& q = as_qtensor(self, "transpose");
     if (!new_dims.is_none()) {
       check_dims(q, new_dims);
@@ -178,14 +201,20 @@ void init_reshape(nb::module_& m, nb::class_<QTensor>& cls) {
       zero_grad(result);
     }
     return result;
-  }, arg("new_dims") = nb::none());
+  }, arg("new_dims") = nb::none(),
+     py::doc("The tensor with its axes in a new order.",
+             {"new_dims: the new order, a list of an axis number for each place; None reverses the axes, in a new "
+              "leaf outside the graph (with a zero grad when requires_grad is True)."},
+             "A new QTensor; differentiable when new_dims is given.").c_str());
   cls.def("transpose_", [](nb::handle self, const py::IntList& new_dims) {
     QTensor& q = as_qtensor(self, "transpose_");
     Tensor& x = core_of(q, "transpose_");
     nb::object dims = new_dims.is_none() ? nb::object(reversed_axes(x.ndim())) : nb::borrow(new_dims);
     if (!new_dims.is_none()) check_dims(q, new_dims);
     x.assign(transpose(x, py::IntList(dims).get("transpose_", "new_dims")));
-  }, arg("new_dims") = nb::none());
+  }, arg("new_dims") = nb::none(),
+     py::doc("Puts the axes of the tensor itself in a new order, in place, outside the graph.",
+             {"new_dims: the new order, a list of an axis number for each place; None reverses the axes."}).c_str());
 }
 
 TRAMEL_FAMILY(init_reshape);

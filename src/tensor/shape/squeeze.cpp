@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object squeeze_op(nb::handle t, const py::Axes& axis) {
+TensorResult squeeze_op(TensorArg t, const py::Axes& axis) {
   static const Derivatives& derivatives = derivatives_of("squeeze");
   const Tensor& x = core_of(t, "squeeze");
   int ndim = x.ndim();
@@ -56,9 +56,15 @@ nb::object unsqueeze_op(nb::handle t, nb::handle axis) {
 
 void init_squeeze(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("squeeze", &squeeze_op, arg("t"), arg("axis") = nb::none());
-  m.def("unsqueeze", [](nb::handle t, const py::Axis& axis) { return unsqueeze_op(t, axis); }, arg("t"),
-        arg("axis") = 0);
+  m.def("squeeze", &squeeze_op, arg("t"), arg("axis") = nb::none(),
+        py::doc("The tensor without axes of length one.",
+                {"t: a QTensor.",
+                 "axis: None for every axis of length one, or an int, list or tuple of ints naming such axes."},
+                "A new QTensor; differentiable.").c_str());
+  m.def("unsqueeze", [](TensorArg t, const py::Axis& axis) -> TensorResult { return unsqueeze_op(t, axis); },
+        arg("t"), arg("axis") = 0,
+        py::doc("The tensor with an axis of length one inserted.", {"t: a QTensor.", kInsertedAxis},
+                "A new QTensor; differentiable.").c_str());
 }
 TRAMEL_FAMILY(init_squeeze);
 

@@ -7,7 +7,7 @@ namespace tramel::tensor {
 
 namespace {
 
-nb::object tile_op(nb::handle t, const py::IntList& reps) {
+TensorResult tile_op(TensorArg t, const py::IntList& reps) {
   if (!reps.is_none() && !PyList_Check(reps.ptr()))
     throw nb::type_error(("Argument 'reps' has incorrect type (expected list, got " +
                           std::string(nb::type_name(reps.type()).c_str()) + ")")
@@ -28,7 +28,10 @@ nb::object tile_op(nb::handle t, const py::IntList& reps) {
 
 void init_tile(nb::module_& m, nb::class_<QTensor>&) {
   auto arg = [](const char* name) { return nb::arg(name).none(); };
-  m.def("tile", &tile_op, arg("t"), arg("reps"));
+  m.def("tile", &tile_op, arg("t"), arg("reps"),
+        py::doc("The tensor repeated along each axis, as numpy.tile repeats it.",
+                {"t: a QTensor.", "reps: the number of repeats per axis, a list of ints."},
+                "A new QTensor; differentiable, the gradient sums over the repeats.").c_str());
 }
 TRAMEL_FAMILY(init_tile);
 

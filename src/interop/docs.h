@@ -1,5 +1,5 @@
-// Docstrings of _core in one layout: a summary, then its arguments and its
-// result.
+// Docstrings of both modules in one layout: a summary, then the arguments and
+// the result.
 #pragma once
 #include <initializer_list>
 #include <string>
