@@ -1,15 +1,18 @@
 """Memory over time: a training loop keeps its footprint, and a graph dies with its last result.
 
 The loop fits a softmax regression through element-wise operators, reductions, shape changes,
-backward and parameter updates, thousands of steps. After a warm-up, the resident memory, the
-number of objects the cycle collector tracks and the number of blocks Python's allocator holds
-must stay where they were: a per-step leak of one tensor, one edge or one buffer shows within a
-few thousand steps. The cycle collector is off while it runs, so a per-step reference cycle shows
-as a leak too: a step's graph must be freed by reference counting alone, when its last result
-goes.
+backward and parameter updates, thousands of steps, in a process of its own. After a warm-up,
+the bytes the C heap has handed out, the resident memory, the number of objects the cycle
+collector tracks and the number of blocks Python's allocator holds must stay where they were: a
+per-step leak of one tensor, one edge or one buffer of a few bytes shows within a few thousand
+steps. The cycle collector is off while it runs, so a per-step reference cycle shows as a leak
+too: a step's graph must be freed by reference counting alone, when its last result goes.
 """
 import ctypes
 import gc
+import json
+import os
+import subprocess
 import sys
 import weakref
 from contextlib import contextmanager
@@ -104,35 +107,52 @@ class SoftmaxRegression:
 WARM_UP, STEPS, EVERY = 1000, 6000, 200
 
 
-@pytest.mark.parametrize("device", [0, GPU0], ids=["cpu", "accelerator"])
-def test_training_loop_keeps_its_footprint(device):
+def footprint_samples(device):
+    """Rows (step, resident bytes, tracked objects, allocated blocks, heap bytes) every EVERY steps
+    after the warm-up, and the loss before and after."""
     model = SoftmaxRegression(device)
-    # (step, resident bytes, tracked objects, allocated blocks, heap bytes), written in place: the
-    # samples themselves must not add objects
+    # written in place: the samples themselves must not add objects
     samples = np.zeros((STEPS // EVERY, 5), dtype=np.int64)
     with collector_off():
         first = model.step().item()
         for step in range(WARM_UP + STEPS):
             loss = model.step()
             if step >= WARM_UP and (step - WARM_UP) % EVERY == 0:
-                samples[(step - WARM_UP) // EVERY] = (step, resident_bytes(), len(gc.get_objects()),
-                                                      sys.getallocatedblocks(), heap_bytes())
-        last = loss.item()
-    assert last < 0.6 * first, "the model did not learn: the loop is not the loop it claims to be"
+                samples[(step - WARM_UP) // EVERY] = (step, heap_bytes(), resident_bytes(), len(gc.get_objects()),
+                                                      sys.getallocatedblocks())
+    return samples, first, loss.item()
 
+
+@pytest.mark.parametrize("device", [0, GPU0], ids=["cpu", "accelerator"])
+def test_training_loop_keeps_its_footprint(device):
+    # In a process of its own, with glibc's per-thread cache of freed blocks off: blocks in that
+    # cache count as in use, so with it on, the heap's figure moves by kilobytes with whatever
+    # else the process did; with it off, a step's heap comes back to the byte.
+    env = dict(os.environ, PYTRAMEL_EMULATED_ACCELERATORS="2")
+    env.setdefault("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0")
+    run = subprocess.run([sys.executable, __file__, "--footprint", str(device)], env=env, capture_output=True,
+                         text=True, timeout=120)
+    assert run.returncode == 0, run.stderr[-2000:]
+    result = json.loads(run.stdout.splitlines()[-1])
+    assert result["last"] < 0.6 * result["first"], "the model did not learn: the loop is not the loop it claims to be"
+    check_footprint(np.array(result["samples"], dtype=np.int64))
+
+
+def check_footprint(samples):
     early, late = np.array_split(samples, 2)
-    report = "\n".join(f"step {s}: resident {r / 2**10:.0f} KiB, heap {h / 2**10:.1f} KiB, {o} objects, "
-                       f"{b} blocks" for s, r, o, b, h in samples)
+    report = "\n".join(f"step {s}: heap {h} B, resident {r / 2**10:.0f} KiB, {o} objects, {b} blocks"
+                       for s, h, r, o, b in samples)
+    # The C heap: a step gives back every byte it took. A leak of the smallest block glibc hands
+    # out (32 bytes) every step adds about 100 KiB in the second half.
+    if (samples[:, 1] >= 0).all():
+        assert late[:, 1].max() - early[:, 1].max() <= 4 * 2**10, report
     # Objects the collector tracks (QTensors, GraphNodes, lists): flat.
-    assert late[:, 2].max() <= early[:, 2].max(), report
+    assert late[:, 3].max() <= early[:, 3].max(), report
     # Python allocator blocks: interpreter caches grow by a handful over thousands of steps; a
     # leaked object per step would add thousands.
-    assert late[-1, 3] - early[0, 3] < 50, report
-    # The C heap: a leaked buffer of the smallest tensor of a step (8 doubles and its header)
-    # would add a few hundred KiB in the second half.
-    assert late[:, 4].max() - early[:, 4].max() <= 16 * 2**10, report
+    assert late[-1, 4] - early[0, 4] < 50, report
     # Resident memory, coarser: a heap with free space hides a small leak for a while.
-    assert late[:, 1].max() - early[:, 1].max() <= 192 * 2**10, report
+    assert late[:, 2].max() - early[:, 2].max() <= 192 * 2**10, report
 
 
 # ------------------------------------------------------------------------ a graph and its result
@@ -173,3 +193,8 @@ def test_intermediates_die_with_the_last_result(device, touch):
         assert out_ref() is None
         assert pending(refs) == [], "intermediates outlived their graph without the cycle collector"
     assert x.requires_grad and weakref.ref(x)() is x
+
+
+if __name__ == "__main__" and sys.argv[1:2] == ["--footprint"]:
+    samples_, first_, last_ = footprint_samples(int(sys.argv[2]))
+    print(json.dumps({"samples": samples_.tolist(), "first": first_, "last": last_}))
