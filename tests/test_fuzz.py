@@ -29,7 +29,7 @@ asks for an enormous tensor fails with MemoryError or RuntimeError instead of ta
 memory; huge integers and shapes are fuzzed freely.
 
 More calls by hand (docs/fuzzing.md):
-    PYTRAMEL_FUZZ_CALLS=1000000 PYTRAMEL_FUZZ_SEED=7 python -m pytest -q -s tests/test_fuzz.py
+    PYTRAMEL_FUZZ_CALLS=1000000 PYTRAMEL_FUZZ_SEED=7 python -m pytest -q -s tests/test_fuzz.py -k every_public
 and one reported call alone, in a fresh process:
     python tests/test_fuzz.py --replay "_core.Tensor(np.timedelta64(5))"
 """
@@ -40,6 +40,7 @@ import math
 import os
 import random
 import select
+import shlex
 import signal
 import subprocess
 import sys
@@ -973,7 +974,7 @@ def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, m
         detail = (f"earlier calls it used: {'; '.join(earlier)}\n    " if earlier else "") + \
             f"stderr: {stderr_tail.strip()[-600:]}\n    " + \
             f"again: PYTRAMEL_FUZZ_SEED={seed} PYTRAMEL_FUZZ_START={max(start, i - 200)} PYTRAMEL_FUZZ_CALLS=" + \
-            f"{i + 1 - max(start, i - 200)}, or alone: python {os.path.relpath(HERE)} --replay '{call}'"
+            f"{i + 1 - max(start, i - 200)}, or alone: python {os.path.relpath(HERE)} --replay {shlex.quote(call)}"
         report.failures.append((kind, i, call, detail))
         if log:
             log(f"{kind} at call #{i}: {call}")
