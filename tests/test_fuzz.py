@@ -484,16 +484,16 @@ class Gen:
         return self.rng.random() < self.wild
 
     # tensors
-    def random_spec(self):
+    def random_layout(self):
         shape = self.rng.choices(SHAPES, SHAPE_WEIGHTS)[0]
         return shape, self.pick(DTYPE_NAMES), self.pick(DEVICES)
 
-    def spec(self):
+    def layout(self):
         """Mostly the call's shared (shape, dtype, device) when it has one: operations of several
         tensors refuse most unrelated operands before they reach their kernels."""
         if self.shared and self.chance(0.85):
             return self.shared
-        return self.random_spec()
+        return self.random_layout()
 
     def pooled(self, kind):
         """An earlier call's result, mostly of the kind asked for."""
@@ -505,7 +505,7 @@ class Gen:
             pooled = self.pooled("QTensor")
             if pooled:
                 return pooled
-        shape, dtype, device = self.spec()
+        shape, dtype, device = self.layout()
         rg = self.pick(["False", "True", "True", "1", "None", "'yes'", "0"]) if self.chance(0.5) else "False"
         fill = self.pick(FILLS)
         if self.chance(0.15):   # a graph result instead of a leaf
@@ -518,7 +518,7 @@ class Gen:
             pooled = self.pooled("Tensor")
             if pooled:
                 return pooled
-        shape, dtype, device = self.spec()
+        shape, dtype, device = self.layout()
         return f"ct({shape!r}, {dtype!r}, {device}, {self.pick(FILLS)!r})"
 
     def tensor_like(self):
@@ -528,7 +528,7 @@ class Gen:
         if r < 0.75:
             return self.qtensor()
         if r < 0.9:
-            shape, dtype, _ = self.spec()
+            shape, dtype, _ = self.layout()
             return f"arr({shape!r}, {dtype!r}, {self.pick(FILLS)!r})"
         return self.any()
 
@@ -685,7 +685,7 @@ class Gen:
     def call(self, target, names, forced=None):
         """(positional expressions, keyword expressions) for one call of target; `forced`, when
         given, is the expression of one argument (self included), at a place of the stream's choice."""
-        self.shared = self.random_spec() if self.chance(0.6) else None
+        self.shared = self.random_layout() if self.chance(0.6) else None
         if target.kind == "get":
             args, kwargs = [self.self_for(target.owner, names)], {}
         elif target.kind == "set":
