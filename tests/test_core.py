@@ -1,5 +1,6 @@
 """The core engine's object model: construction, devices, dtypes, fills and queries."""
 import gc
+import re
 
 import numpy as np
 import pytest
@@ -95,6 +96,26 @@ def test_dlpack_export(nptype):
     gc.collect()
     assert d.dtype == np.dtype(nptype)
     np.testing.assert_array_equal(d, a)
+
+
+# Element types the engine has no type for, as arrays and as numpy scalars. numpy's
+# datetime64 and timedelta64 scalars export a buffer without shape or strides.
+FOREIGN = [
+    np.datetime64("2020"), np.timedelta64(5), np.array(["2020-01", "2021-03"], "datetime64[M]"),
+    np.array([1, 2], "timedelta64[s]"), np.float16(1.5), np.zeros((2, 2), np.float16), np.uint16(3),
+    np.zeros(2, np.uint32), np.uint64(7), np.array([None, 1], object), np.str_("a"), np.array(["ab", "c"]),
+    np.bytes_(b"a"), np.array([b"ab"]), np.zeros(2, "i4,f8"), np.zeros(2, "V3"), np.arange(3, dtype=">i4"),
+    np.zeros(1, np.longdouble),
+]
+
+
+@pytest.mark.parametrize("value", FOREIGN, ids=lambda v: f"{type(v).__name__}-{np.asarray(v).dtype}")
+@pytest.mark.parametrize("make", [lambda v: T(v), lambda v: _core.CoreTensor(v, GPU0, D.kfloat64)],
+                         ids=["Tensor", "CoreTensor-converting"])
+def test_foreign_element_types_are_refused_by_name(value, make):
+    message = f"[Tensor] unsupported array element type ({np.asarray(value).dtype})"
+    with pytest.raises(TypeError, match="^" + re.escape(message) + "$"):
+        make(value)
 
 
 # ----------------------------------------------------------------- creation

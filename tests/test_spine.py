@@ -111,7 +111,8 @@ def test_constructor_dtype(make, default, dtype, expected, shape):
       for d in (D.kfloat32, D.kfloat64, D.kint32, D.kbool)],
     *[(a, None, TypeError, TYPE_MSG) for a in (
         np.zeros(2, np.float16), np.zeros(2, np.uint16), np.zeros(2, np.uint32),
-        np.zeros(2, np.uint64), np.array([1, "a"], dtype=object), np.array(["ab"]), ["x", "y"])],
+        np.zeros(2, np.uint64), np.array([1, "a"], dtype=object), np.array(["ab"]), ["x", "y"],
+        np.datetime64("2020"), np.timedelta64(5), np.array([3], "timedelta64[s]"), np.zeros(2, "i4,f8"))],
 ])
 def test_constructor_refusals(data, dtype, exc, msg):
     with pytest.raises(exc) as info:
