@@ -1,5 +1,6 @@
 """Core extrema, medians, spreads, running sums, axis order and shape views, against numpy."""
 import itertools
+import os
 import re
 import warnings
 
@@ -83,6 +84,29 @@ def test_large_reductions_on_any_thread_count(shape, axes, threads, device):
                           (T.median(t, axes, False), np.median(a, ax)), (T.mean(t, axes, False), a.mean(ax))]:
             assert got.device == device
             np.testing.assert_allclose(host(got), want, rtol=1e-10, atol=1e-10)
+    finally:
+        _core.set_num_threads(old)
+
+
+def test_thread_counts_are_bounded_by_the_machine():
+    old = _core.get_num_threads()
+    try:
+        for bad in (0, -3):
+            with pytest.raises(ValueError, match=rf"^\[set_num_threads\] the number of threads must be at least 1, "
+                                                 rf"got {bad}$"):
+                _core.set_num_threads(bad)
+        # Far more threads than processors: creating them would fail in the next large loop.
+        with pytest.raises(ValueError) as info:
+            _core.set_num_threads(100000)
+        found = re.fullmatch(r"\[set_num_threads\] the number of threads must be at most (\d+) on this machine, "
+                             r"got 100000", str(info.value))
+        assert found and 4 <= int(found.group(1)) <= max(4 * os.cpu_count(), 1024)
+        assert _core.get_num_threads() == old
+        limit = int(found.group(1))
+        _core.set_num_threads(limit)
+        assert _core.get_num_threads() == limit
+        a = np.arange(1 << 17, dtype=np.float64)
+        assert host(T.sum(core(a)))[0] == a.sum()
     finally:
         _core.set_num_threads(old)
 
