@@ -172,6 +172,33 @@ def test_eye(size, offset, const, nptype):
     np.testing.assert_array_equal(host(t), np.eye(size, k=offset, dtype=nptype))
 
 
+# Sizes whose arithmetic would overflow int64 (or exceed any memory) are refused by name.
+@pytest.mark.parametrize("call,message", [
+    (lambda: T.diag(T(np.ones(2), 0, -1), 2**63 - 1),
+     "[diag] the diagonal 9223372036854775807 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), -2**63),
+     "[diag] the diagonal -9223372036854775808 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), 2**60),
+     "[diag] the diagonal 1152921504606846976 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), -2**40), "[diag] shape [1099511627778, 1099511627778] has too many elements"),
+    (lambda: T.arange(0, 1e300, 1e-300, 0, D.kfloat64), "[arange] the range has too many elements"),
+    (lambda: T.arange(-1e308, 1e308, 1.0, 0, D.kfloat64), "[arange] the range has too many elements"),
+    (lambda: T.arange(0, np.inf, 1.0, 0, D.kfloat64), "[arange] start and end must be finite"),
+    (lambda: T.linspace(0, 1, 2**62, 0, D.kfloat64), "[linspace] shape [4611686018427387904] has too many elements"),
+    (lambda: T.logspace(0, 1, 2**63 - 1, 10, 0, D.kfloat64),
+     "[logspace] shape [9223372036854775807] has too many elements"),
+    (lambda: T.eye(2**32, 0, 0, D.kfloat32), "[eye] shape [4294967296, 4294967296] has too many elements"),
+    (lambda: T.eye(2**62, 3, 0, D.kfloat32),
+     "[eye] shape [4611686018427387904, 4611686018427387904] has too many elements"),
+    # a zero dimension does not make the others any smaller
+    (lambda: T.zeros([0, 2**62, 2**62], 0, D.kfloat32),
+     "[zeros] shape [0, 4611686018427387904, 4611686018427387904] has too many elements"),
+])
+def test_sizes_beyond_int64_are_refused(call, message):
+    with pytest.raises(ValueError, match="^" + re.escape(message) + "$"):
+        call()
+
+
 @pytest.mark.parametrize("shape", [(3, 3), (2, 4), (4, 2), (5,)])
 @pytest.mark.parametrize("k", [0, 1, -2])
 def test_diag(shape, k):

@@ -451,6 +451,19 @@ def test_reshape_shares_and_reshape_in_place_keeps_identity():
     (lambda: tramel.tile(core(np.ones(3)), [-1]), ValueError, r"^\[tile\]"),
     (lambda: tramel.TileGrad(core(np.ones(5)), [3], [2]), ValueError, r"^\[TileGrad\]"),
     (lambda: core(np.ones(2)).reshape([-1, -1]), ValueError, r"^\[reshape\]"),
+    # sizes beyond int64, on the way to the -1 and to the tiled shape
+    (lambda: core(np.ones(4)).reshape([-1, 2**62]), ValueError,
+     r"^\[reshape\] shape \[-1, 4611686018427387904\] has too many elements$"),
+    (lambda: core(np.ones(0)).reshape([2**62, -1, 2**62, 0]), ValueError,
+     r"^\[reshape\] shape \[4611686018427387904, -1, 4611686018427387904, 0\] has too many elements$"),
+    (lambda: core(np.ones(4)).reshape([-1, 2**63 - 1, 2]), ValueError, r"^\[reshape\] shape .* has too many elements$"),
+    (lambda: tramel.tile(core(np.ones(4)), [2**62]), ValueError,
+     r"^\[tile\] tiling shape \[4\] by \[4611686018427387904\] gives too many elements$"),
+    (lambda: tramel.tile(core(np.ones((0, 3))), [2**62]), ValueError,
+     r"^\[tile\] tiling shape \[0, 3\] by \[4611686018427387904\] gives too many elements$"),
+    (lambda: tramel.tile(core(np.ones(4)), [0, 2**63 - 1]), ValueError,
+     r"^\[tile\] tiling shape .* too many elements$"),
+    (lambda: tramel.TileGrad(core(np.ones(4)), [4], [2**62]), ValueError, r"^\[TileGrad\] tiling shape \[4\] by"),
     (lambda: T.add_tensor_list(core(np.ones(2)), [core(np.ones(2)), 3]), TypeError, None),
 ])
 def test_errors(call, exc, message):

@@ -173,6 +173,10 @@ def test_in_place_forms_keep_the_object():
     (lambda t: t.transpose([0, 0, 1]), AssertionError, "repeat dim in second para is not valid "),
     (lambda t: t.transpose([0]), AssertionError, "second para dim not equal to tensor shape"),
     (lambda t: t.reshape([5, 5]), AssertionError, "new size 25 not equal to old size 24"),
+    # products beyond int64 are reported whole, as Python computes them
+    (lambda t: t.reshape([2**62, 4]), AssertionError, "new size 18446744073709551616 not equal to old size 24"),
+    (lambda t: t.reshape_([2**40, 2**40, 3]), AssertionError, f"new size {3 * 2**80} not equal to old size 24"),
+    (lambda t: t.reshape([2**62, 4, 0]), AssertionError, "new size 0 not equal to old size 24"),
     (lambda t: t.reshape([-1, 24]), AssertionError, "dim should > 0"),
     (lambda t: t.reshape_(5), AssertionError, "second para should be list or tuple"),
     (lambda t: tt.permute(t, (1, 0, 2)), TypeError, "Argument 'dim' has incorrect type (expected list, got tuple)"),
@@ -188,6 +192,7 @@ def test_messages(call, exc, text):
 
 
 @pytest.mark.parametrize("call", [lambda t: tt.reshape(t, [5, 5]), lambda t: tt.min(t, 3),
+                                  lambda t: tt.reshape(t, [-1, 2**62, 4]), lambda t: tt.tile(t, [2**62]),
                                   lambda t: tt.swapaxis(t, 0, 3), lambda t: tt.transpose(t, [0, 1]),
                                   lambda t: tt.broadcast_to(t, [2, 3]), lambda t: tt.cumsum(t, 5)])
 def test_core_refusals_name_the_operation(call):
