@@ -196,6 +196,16 @@ def test_cumsum_and_its_gradient_match_numpy(const, nptype, shape):
         np.testing.assert_allclose(grad, back, rtol=1e-5)
 
 
+@pytest.mark.parametrize("shape,axis", [((10000,), 0), ((100, 7), 0), ((7, 5000), 1)], ids=str)
+def test_integer_running_sums_wrap_in_int64(shape, axis):
+    a = np.full(shape, np.iinfo(np.int64).max)
+    with np.errstate(over="ignore"):
+        want = np.cumsum(a, axis=axis, dtype=np.int64)
+        back = np.flip(np.cumsum(np.flip(a, axis), axis=axis, dtype=np.int64), axis)
+    np.testing.assert_array_equal(host(tramel.cumsum(core(a), axis)), want)
+    np.testing.assert_array_equal(host(tramel.cumsumgrad(core(a), axis)), back)
+
+
 @pytest.mark.parametrize("nptype", [np.float64, np.complex128])
 @pytest.mark.parametrize("axis", [0, 1, -1])
 def test_cumsum_grad_matches_finite_differences(nptype, axis):
