@@ -20,7 +20,7 @@ void get_prev(nb::handle q, Nodes& out) {
       const Tensor& data = core_of(parent, "backward");
       if (!is_floating(data.dtype()) && !is_complex(data.dtype()))
         throw nb::value_error("Only float or double tensor can do gradient calculation.");
-      parent.grad = zeros_qtensor(data.shape(), int(device_of(parent.device, "zeros")), data.dtype());
+      parent.grad = zeros_qtensor(data.shape(), device_of(parent.device, "zeros"), data.dtype());
     }
     out.push_back(nb::borrow(edge.tensor));
   });
@@ -124,7 +124,7 @@ bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
 }
 
 // Adds the gradient that a Python derivative function returned.
-void add_returned(Tensor& accumulated, nb::handle ingrad, int64_t edge_device) {
+void add_returned(Tensor& accumulated, nb::handle ingrad, int edge_device) {
   if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
     add_(accumulated, py::tensor_from_array(ingrad, int(edge_device), accumulated.dtype(), "backward"));
   else if (is_core_tensor(ingrad))
@@ -144,12 +144,12 @@ void backprop_impl(nb::handle g, nb::handle end) {
       QTensor& parent = as_qtensor(edge.tensor, "backward");
       QTensor& incoming = as_qtensor(outgrad, "backward");
       const Tensor& grad = core_of(incoming, "backward");
-      int64_t edge_device = device_of(edge.device, "backward");
+      int edge_device = device_of(edge.device, "backward");
       // A gradient on the processor meeting an edge on an accelerator, or the
       // reverse, is copied to the edge's device first.
       bool crosses = (edge_device >= kFirstAccelerator && grad.device() == kCpuDevice) ||
                      (edge_device == kCpuDevice && grad.device() >= kFirstAccelerator);
-      Tensor moved = crosses ? to_device(grad, int(edge_device), "backward") : Tensor();
+      Tensor moved = crosses ? to_device(grad, edge_device, "backward") : Tensor();
       const Tensor& given = crosses ? moved : grad;
       // Built-in derivatives run in C++; any other callable gets a _core.Tensor.
       if (edge.derivative) {
@@ -225,7 +225,7 @@ void backward(nb::handle self, nb::handle grad) {
   if (grad.is_none()) {
     seed = ones_like(self, s.device, dtype_obj);
   } else {
-    int64_t device = device_of(s.device, "backward");
+    int device = device_of(s.device, "backward");
     if (device >= kFirstAccelerator && PyObject_TypeCheck(grad.ptr(), ndarray_type()))
       // (sic) the leading space and the missing one after the comma.
       throw nb::value_error(" input grad should not be ndarray,if current Tensor is on GPU device.");
