@@ -136,7 +136,12 @@ Tensor broadcast_to(const Tensor& t, const Shape& shape) {
     int64_t d = in[i], o = shape[i + rank - in.rank()];
     fits = d == o || d == 1;
   }
-  if (!fits) fail(ErrorKind::Value, op, "cannot broadcast shape " + in.str() + " to " + shape.str());
+  if (!fits) {
+    // A one-element tensor (a reduction over all elements gives shape [1])
+    // stands for the value of a 0-d target.
+    if (rank == 0 && t.numel() == 1) return t.view_as(shape);  // storage shared, as below
+    fail(ErrorKind::Value, op, "cannot broadcast shape " + in.str() + " to " + shape.str());
+  }
   if (in == shape) return t;  // storage shared; see Note [copy-on-write storage]
   MapKernel kernel = need(kernels_of(t).broadcast, t, op);
   Tensor out = Tensor::empty(shape, t.dtype(), t.device(), op);
