@@ -377,6 +377,17 @@ def test_log_softmax():
     assert np.allclose(t.grad.to_numpy(), numeric_grad(ref, x[0], w))
 
 
+@pytest.mark.parametrize("offset", [1e3, 1e5, -1e5, 3e7])
+def test_log_softmax_keeps_the_digits_of_large_float32_inputs(offset):
+    # Near a large maximum, x - max is exact; max + log(sum) would round the log away.
+    x = np.float32(offset) + np.array([[0.0, 0.0, -1.0], [-2.0, 0.5, 0.25]], np.float32)
+    shifted = x.astype(np.float64) - x.max(axis=1, keepdims=True)
+    ref = shifted - np.log(np.exp(shifted).sum(axis=1, keepdims=True))
+    got = tt.log_softmax(QTensor(x)).to_numpy()
+    assert got.dtype == np.float32
+    np.testing.assert_allclose(got, ref, rtol=1e-6, atol=1e-6)
+
+
 def test_complex_parameters_train_by_gradient_descent():
     rng = np.random.default_rng(0)
     target = QTensor(rng.normal(size=4) + 1j * rng.normal(size=4))
