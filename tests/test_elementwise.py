@@ -3,6 +3,9 @@
 Operators are tested from the tables below: one row per operator, with its numpy
 reference, the dtypes it supports, an input domain, and what its gradient is.
 """
+import pathlib
+import re
+
 import numpy as np
 import pytest
 
@@ -256,6 +259,27 @@ def test_extrema_split_ties(name):
     assert np.allclose(same.grad.to_numpy(), 1)
     with pytest.raises(ValueError, match="^t1 and t2 shape should be equal$"):
         getattr(tt, name)(QTensor(np.ones([2, 3])), QTensor(np.ones(3)))
+
+
+# What the README says broadcasts does; the two-operand functions it names there are
+# called on shapes [2, 3] and [3].
+SYMBOLS = {"+": lambda a, b: a + b, "-": lambda a, b: a - b, "*": lambda a, b: a * b, "/": lambda a, b: a / b,
+           "**": lambda a, b: a ** b}
+
+
+def test_the_readme_claims_broadcasting_only_where_it_happens():
+    text = " ".join((pathlib.Path(__file__).resolve().parents[1] / "README.md").read_text().split())
+    clause = re.search(r"with numpy broadcasting:? (.*?);", text).group(1)
+    named = [n for quoted in re.findall(r"`([^`]*)`", clause) for n in quoted.split()]
+    assert set(SYMBOLS) <= set(named)
+    a, b = QTensor(np.full([2, 3], 2.0)), QTensor(np.array([1.0, 2.0, 3.0]))
+    for name in named:
+        call = SYMBOLS.get(name) or getattr(tt, name)
+        try:
+            y = call(a, b)
+        except TypeError:
+            continue  # not a function of two tensors
+        assert y.shape == [2, 3], name
 
 
 def test_extrema_clip_power_labels():
