@@ -1,5 +1,6 @@
 """The core engine's object model: construction, devices, dtypes, fills and queries."""
 import gc
+import re
 
 import numpy as np
 import pytest
@@ -97,6 +98,26 @@ def test_dlpack_export(nptype):
     np.testing.assert_array_equal(d, a)
 
 
+# Element types the engine has no type for, as arrays and as numpy scalars. numpy's
+# datetime64 and timedelta64 scalars export a buffer without shape or strides.
+FOREIGN = [
+    np.datetime64("2020"), np.timedelta64(5), np.array(["2020-01", "2021-03"], "datetime64[M]"),
+    np.array([1, 2], "timedelta64[s]"), np.float16(1.5), np.zeros((2, 2), np.float16), np.uint16(3),
+    np.zeros(2, np.uint32), np.uint64(7), np.array([None, 1], object), np.str_("a"), np.array(["ab", "c"]),
+    np.bytes_(b"a"), np.array([b"ab"]), np.zeros(2, "i4,f8"), np.zeros(2, "V3"), np.arange(3, dtype=">i4"),
+    np.zeros(1, np.longdouble),
+]
+
+
+@pytest.mark.parametrize("value", FOREIGN, ids=lambda v: f"{type(v).__name__}-{np.asarray(v).dtype}")
+@pytest.mark.parametrize("make", [lambda v: T(v), lambda v: _core.CoreTensor(v, GPU0, D.kfloat64)],
+                         ids=["Tensor", "CoreTensor-converting"])
+def test_foreign_element_types_are_refused_by_name(value, make):
+    message = f"[Tensor] unsupported array element type ({np.asarray(value).dtype})"
+    with pytest.raises(TypeError, match="^" + re.escape(message) + "$"):
+        make(value)
+
+
 # ----------------------------------------------------------------- creation
 
 @pytest.mark.parametrize("device", DEVICES)
@@ -149,6 +170,33 @@ def test_eye(size, offset, const, nptype):
     t = T.eye(size, offset, GPU0, const)
     assert (t.dtype, t.device) == (const, GPU0)
     np.testing.assert_array_equal(host(t), np.eye(size, k=offset, dtype=nptype))
+
+
+# Sizes whose arithmetic would overflow int64 (or exceed any memory) are refused by name.
+@pytest.mark.parametrize("call,message", [
+    (lambda: T.diag(T(np.ones(2), 0, -1), 2**63 - 1),
+     "[diag] the diagonal 9223372036854775807 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), -2**63),
+     "[diag] the diagonal -9223372036854775808 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), 2**60),
+     "[diag] the diagonal 1152921504606846976 makes a matrix with too many elements"),
+    (lambda: T.diag(T(np.ones(2), 0, -1), -2**40), "[diag] shape [1099511627778, 1099511627778] has too many elements"),
+    (lambda: T.arange(0, 1e300, 1e-300, 0, D.kfloat64), "[arange] the range has too many elements"),
+    (lambda: T.arange(-1e308, 1e308, 1.0, 0, D.kfloat64), "[arange] the range has too many elements"),
+    (lambda: T.arange(0, np.inf, 1.0, 0, D.kfloat64), "[arange] start and end must be finite"),
+    (lambda: T.linspace(0, 1, 2**62, 0, D.kfloat64), "[linspace] shape [4611686018427387904] has too many elements"),
+    (lambda: T.logspace(0, 1, 2**63 - 1, 10, 0, D.kfloat64),
+     "[logspace] shape [9223372036854775807] has too many elements"),
+    (lambda: T.eye(2**32, 0, 0, D.kfloat32), "[eye] shape [4294967296, 4294967296] has too many elements"),
+    (lambda: T.eye(2**62, 3, 0, D.kfloat32),
+     "[eye] shape [4611686018427387904, 4611686018427387904] has too many elements"),
+    # a zero dimension does not make the others any smaller
+    (lambda: T.zeros([0, 2**62, 2**62], 0, D.kfloat32),
+     "[zeros] shape [0, 4611686018427387904, 4611686018427387904] has too many elements"),
+])
+def test_sizes_beyond_int64_are_refused(call, message):
+    with pytest.raises(ValueError, match="^" + re.escape(message) + "$"):
+        call()
 
 
 @pytest.mark.parametrize("shape", [(3, 3), (2, 4), (4, 2), (5,)])

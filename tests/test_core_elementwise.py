@@ -100,7 +100,7 @@ def test_unary_against_numpy(name, ref, dtypes, kind, dt):
 @pytest.mark.parametrize("name,values,expected", [
     ("round", [0.5, 1.5, 2.5, -0.5, -2.5, 2.4999], [0.0, 2.0, 2.0, -0.0, -2.0, 2.0]),
     ("sign", [np.nan, -0.0, 3.0, -np.inf], [np.nan, 0.0, 1.0, -1.0]),
-    ("exp", [1000.0, -1000.0, np.inf, -np.inf, np.nan, 88.7, -103.0, -740.0], None),
+    ("exp", [1000.0, -1000.0, np.inf, -np.inf, np.nan, -np.nan, 88.7, -103.0, -740.0], None),
     ("abs", [-np.inf, np.nan, -0.0], [np.inf, np.nan, 0.0]),
 ])
 @pytest.mark.parametrize("nptype", [np.float32, np.float64])
@@ -192,6 +192,40 @@ def test_integer_division_edge_cases_do_not_crash():
     np.testing.assert_array_equal(host(core(a).div(core(b))), [3, -3, np.iinfo(np.int64).min, 0])
     np.testing.assert_array_equal(host(core(a.astype(np.int8)[:2]).div(0)), [0, 0])
     np.testing.assert_array_equal(host(core(np.array([1.0, -1.0, 0.0])).div(0.0)), [np.inf, -np.inf, np.nan])
+
+
+# Integers wrap around in their own type, as numpy's do (the arithmetic is defined
+# at the extremes: the sanitizer build runs these).
+@pytest.mark.parametrize("nptype", [np.int8, np.int16, np.int32, np.int64, np.uint8])
+def test_integer_arithmetic_wraps_as_numpy_does(nptype):
+    lo, hi = np.iinfo(nptype).min, np.iinfo(nptype).max
+    a = np.array([lo, hi, lo, hi, lo, -3 if lo else 253, 7], nptype)
+    b = np.array([lo, hi, hi, 1, 3, 3, 21], nptype)
+    powers = np.array([2, 2, 3, 5, 7, 5, 21], nptype)
+    with np.errstate(over="ignore"):
+        for name, ref in [("add", np.add), ("sub", np.subtract), ("mult", np.multiply)]:
+            np.testing.assert_array_equal(host(getattr(core(a), name)(core(b))), ref(a, b), err_msg=name)
+        np.testing.assert_array_equal(host(core(a).element_pow(core(powers))), a ** powers)
+        np.testing.assert_array_equal(host(core(a).add(int(hi))), a + b[1], err_msg="add a number")
+        for name, ref in [("neg", np.negative), ("abs", np.abs), ("square", np.square)]:
+            if name == "neg" and not lo:
+                continue  # no negation of unsigned integers
+            np.testing.assert_array_equal(host(getattr(core(a), name)()), ref(a), err_msg=name)
+        in_place = core(a)
+        in_place.mult_(core(b))
+        np.testing.assert_array_equal(host(in_place), a * b)
+
+
+# Sums of integers are int64 and wrap around there, on every path: one run, runs over
+# threads, whole rows folded together.
+def test_integer_sums_wrap_in_int64():
+    top = np.iinfo(np.int64).max
+    for a, axes in [(np.full(70001, top), []), (np.full((3, 70001), top), [1]), (np.full((70001, 3), top), [0]),
+                    (np.full((5, 4, 3), top), [0, 2])]:
+        with np.errstate(over="ignore"):
+            want = np.sum(a, axis=tuple(axes) or None, dtype=np.int64)
+        got = host(T.sum(core(a), axes, False)) if axes else host(T.sum(core(a)))[0]
+        np.testing.assert_array_equal(got, want)
 
 
 # (left dtype, right operand, result dtype) under the float32 default
@@ -451,6 +485,19 @@ def test_reshape_shares_and_reshape_in_place_keeps_identity():
     (lambda: tramel.tile(core(np.ones(3)), [-1]), ValueError, r"^\[tile\]"),
     (lambda: tramel.TileGrad(core(np.ones(5)), [3], [2]), ValueError, r"^\[TileGrad\]"),
     (lambda: core(np.ones(2)).reshape([-1, -1]), ValueError, r"^\[reshape\]"),
+    # sizes beyond int64, on the way to the -1 and to the tiled shape
+    (lambda: core(np.ones(4)).reshape([-1, 2**62]), ValueError,
+     r"^\[reshape\] shape \[-1, 4611686018427387904\] has too many elements$"),
+    (lambda: core(np.ones(0)).reshape([2**62, -1, 2**62, 0]), ValueError,
+     r"^\[reshape\] shape \[4611686018427387904, -1, 4611686018427387904, 0\] has too many elements$"),
+    (lambda: core(np.ones(4)).reshape([-1, 2**63 - 1, 2]), ValueError, r"^\[reshape\] shape .* has too many elements$"),
+    (lambda: tramel.tile(core(np.ones(4)), [2**62]), ValueError,
+     r"^\[tile\] tiling shape \[4\] by \[4611686018427387904\] gives too many elements$"),
+    (lambda: tramel.tile(core(np.ones((0, 3))), [2**62]), ValueError,
+     r"^\[tile\] tiling shape \[0, 3\] by \[4611686018427387904\] gives too many elements$"),
+    (lambda: tramel.tile(core(np.ones(4)), [0, 2**63 - 1]), ValueError,
+     r"^\[tile\] tiling shape .* too many elements$"),
+    (lambda: tramel.TileGrad(core(np.ones(4)), [4], [2**62]), ValueError, r"^\[TileGrad\] tiling shape \[4\] by"),
     (lambda: T.add_tensor_list(core(np.ones(2)), [core(np.ones(2)), 3]), TypeError, None),
 ])
 def test_errors(call, exc, message):

@@ -1,5 +1,6 @@
 """Core extrema, medians, spreads, running sums, axis order and shape views, against numpy."""
 import itertools
+import os
 import re
 import warnings
 
@@ -87,6 +88,29 @@ def test_large_reductions_on_any_thread_count(shape, axes, threads, device):
         _core.set_num_threads(old)
 
 
+def test_thread_counts_are_bounded_by_the_machine():
+    old = _core.get_num_threads()
+    try:
+        for bad in (0, -3):
+            with pytest.raises(ValueError, match=rf"^\[set_num_threads\] the number of threads must be at least 1, "
+                                                 rf"got {bad}$"):
+                _core.set_num_threads(bad)
+        # Far more threads than processors: creating them would fail in the next large loop.
+        with pytest.raises(ValueError) as info:
+            _core.set_num_threads(100000)
+        found = re.fullmatch(r"\[set_num_threads\] the number of threads must be at most (\d+) on this machine, "
+                             r"got 100000", str(info.value))
+        assert found and 4 <= int(found.group(1)) <= max(4 * os.cpu_count(), 1024)
+        assert _core.get_num_threads() == old
+        limit = int(found.group(1))
+        _core.set_num_threads(limit)
+        assert _core.get_num_threads() == limit
+        a = np.arange(1 << 17, dtype=np.float64)
+        assert host(T.sum(core(a)))[0] == a.sum()
+    finally:
+        _core.set_num_threads(old)
+
+
 @pytest.mark.parametrize("op", [T.min, T.max])
 @pytest.mark.parametrize("where", [0, 37, -1])
 def test_extrema_let_nan_win(op, where):
@@ -170,6 +194,16 @@ def test_cumsum_and_its_gradient_match_numpy(const, nptype, shape):
         back = np.flip(np.cumsum(np.flip(a, axis), axis=axis, dtype=expect_type), axis)
         np.testing.assert_allclose(got, want, rtol=1e-5)
         np.testing.assert_allclose(grad, back, rtol=1e-5)
+
+
+@pytest.mark.parametrize("shape,axis", [((10000,), 0), ((100, 7), 0), ((7, 5000), 1)], ids=str)
+def test_integer_running_sums_wrap_in_int64(shape, axis):
+    a = np.full(shape, np.iinfo(np.int64).max)
+    with np.errstate(over="ignore"):
+        want = np.cumsum(a, axis=axis, dtype=np.int64)
+        back = np.flip(np.cumsum(np.flip(a, axis), axis=axis, dtype=np.int64), axis)
+    np.testing.assert_array_equal(host(tramel.cumsum(core(a), axis)), want)
+    np.testing.assert_array_equal(host(tramel.cumsumgrad(core(a), axis)), back)
 
 
 @pytest.mark.parametrize("nptype", [np.float64, np.complex128])

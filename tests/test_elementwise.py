@@ -3,6 +3,9 @@
 Operators are tested from the tables below: one row per operator, with its numpy
 reference, the dtypes it supports, an input domain, and what its gradient is.
 """
+import pathlib
+import re
+
 import numpy as np
 import pytest
 
@@ -258,6 +261,27 @@ def test_extrema_split_ties(name):
         getattr(tt, name)(QTensor(np.ones([2, 3])), QTensor(np.ones(3)))
 
 
+# What the README says broadcasts does; the two-operand functions it names there are
+# called on shapes [2, 3] and [3].
+SYMBOLS = {"+": lambda a, b: a + b, "-": lambda a, b: a - b, "*": lambda a, b: a * b, "/": lambda a, b: a / b,
+           "**": lambda a, b: a ** b}
+
+
+def test_the_readme_claims_broadcasting_only_where_it_happens():
+    text = " ".join((pathlib.Path(__file__).resolve().parents[1] / "README.md").read_text().split())
+    clause = re.search(r"with numpy broadcasting:? (.*?);", text).group(1)
+    named = [n for quoted in re.findall(r"`([^`]*)`", clause) for n in quoted.split()]
+    assert set(SYMBOLS) <= set(named)
+    a, b = QTensor(np.full([2, 3], 2.0)), QTensor(np.array([1.0, 2.0, 3.0]))
+    for name in named:
+        call = SYMBOLS.get(name) or getattr(tt, name)
+        try:
+            y = call(a, b)
+        except TypeError:
+            continue  # not a function of two tensors
+        assert y.shape == [2, 3], name
+
+
 def test_extrema_clip_power_labels():
     a = QTensor(np.array([0.5, 2.0]), requires_grad=True)
     b = QTensor(np.array([1.5, 1.0]), requires_grad=True)
@@ -375,6 +399,17 @@ def test_log_softmax():
     def ref(v):
         return v - np.log(np.exp(v).sum(axis=-1, keepdims=True))
     assert np.allclose(t.grad.to_numpy(), numeric_grad(ref, x[0], w))
+
+
+@pytest.mark.parametrize("offset", [1e3, 1e5, -1e5, 3e7])
+def test_log_softmax_keeps_the_digits_of_large_float32_inputs(offset):
+    # Near a large maximum, x - max is exact; max + log(sum) would round the log away.
+    x = np.float32(offset) + np.array([[0.0, 0.0, -1.0], [-2.0, 0.5, 0.25]], np.float32)
+    shifted = x.astype(np.float64) - x.max(axis=1, keepdims=True)
+    ref = shifted - np.log(np.exp(shifted).sum(axis=1, keepdims=True))
+    got = tt.log_softmax(QTensor(x)).to_numpy()
+    assert got.dtype == np.float32
+    np.testing.assert_allclose(got, ref, rtol=1e-6, atol=1e-6)
 
 
 def test_complex_parameters_train_by_gradient_descent():

@@ -187,6 +187,43 @@ def test_refused_device_numbers(call, msg):
     assert (t.device, t.data.device) == (0, 0)
 
 
+# A device number beyond the range of int is refused, never truncated to its low
+# 32 bits: 2**32 + 1000 is not device 1000.
+WIDE = 2**32 + GPU0
+WIDE_MSG = f"device {WIDE} is out of range"
+
+
+@pytest.mark.parametrize("call", [
+    lambda: tt.CoreTensor(np.ones(2), WIDE), lambda: tt.CoreTensor(np.ones(2)).GPU(WIDE),
+    lambda: tt.CoreTensor(np.ones(2)).toGPU(WIDE), lambda: QTensor(np.ones(2), device=WIDE),
+    lambda: QTensor(tt.CoreTensor(np.ones(2)), device=WIDE), lambda: QTensor([1.0]).GPU(WIDE),
+    lambda: QTensor([1.0]).toGPU(WIDE), lambda: QTensor([1.0]).to_device(WIDE),
+    lambda: tt.zeros([2], device=WIDE), lambda: tt.zeros_like(QTensor([1.0]), device=WIDE),
+])
+def test_device_numbers_beyond_int_are_refused(call):
+    with pytest.raises(ValueError, match=WIDE_MSG):
+        call()
+
+
+@pytest.mark.parametrize("read", [
+    lambda q: q.isGPU(), lambda q: q.zero_grad(), lambda q: tt.zeros_like(q), lambda q: q * 2.0,
+    lambda q: QTensor(q.data, device=q.device),
+])
+def test_device_fields_beyond_int_are_refused_where_read(read):
+    q = QTensor([1.0, 2.0], requires_grad=True)
+    q.device = WIDE
+    with pytest.raises(ValueError, match=WIDE_MSG):
+        read(q)
+
+
+def test_a_graph_on_a_device_beyond_int_is_refused_in_backward():
+    q = QTensor([1.0, 2.0], requires_grad=True)
+    y = tt.sums(q)
+    q.device = WIDE
+    with pytest.raises(ValueError, match=WIDE_MSG):
+        y.backward()
+
+
 @pytest.mark.parametrize("to_gpu,to_cpu", [(lambda t: t.toGPU(), lambda t: t.toCPU()),
                                           (lambda t: t.to_gpu(GPU1), lambda t: t.to_cpu())])
 def test_moves_in_place(to_gpu, to_cpu):

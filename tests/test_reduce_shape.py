@@ -1,5 +1,7 @@
 """Reductions with extrema, spreads and running sums; shape changes. Values against
 numpy, gradients against finite differences, ties, labels, records and messages."""
+import warnings
+
 import numpy as np
 import pytest
 
@@ -100,6 +102,41 @@ def test_extreme_gradients_and_ties():
     backward_against(lambda q: tt.max(q, 1), lambda v: v.max(axis=1), X)
 
 
+# A reduction over all elements has shape [1]; of a 0-d tensor, its gradient comes
+# back in shape [], through every path that spreads the result over the input.
+@pytest.mark.parametrize("op,ref", [
+    (tt.min, np.min), (tt.max, np.max),
+    (lambda t: tt.std(t, unbiased=False), np.std), (lambda t: tt.var(t, unbiased=False), np.var),
+    (lambda t: tt.std(t, unbiased=True), lambda v: np.std(v, ddof=1)),
+    (lambda t: tt.var(t, unbiased=True), lambda v: np.var(v, ddof=1)),
+    (lambda t: tt.cumsum(t, 0), lambda v: np.cumsum(v, 0)), (lambda t: tt.cumsum(t), np.cumsum),
+], ids=["min", "max", "std", "var", "std-unbiased", "var-unbiased", "cumsum", "cumsum-default-axis"])
+@pytest.mark.parametrize("x", [np.array(1.75), np.array([1.75]), np.array([[1.75]])], ids=["0-d", "[1]", "[1, 1]"])
+def test_reductions_of_one_element(op, ref, x):
+    with np.errstate(all="ignore"), warnings.catch_warnings():
+        warnings.simplefilter("ignore", RuntimeWarning)  # numpy's ddof=1 of one element
+        y = backward_against(op, ref, x)
+        np.testing.assert_allclose(y.to_numpy().reshape(np.shape(ref(x))), ref(x))
+    t = QTensor(x, requires_grad=True)
+    op(t).backward()
+    assert t.grad.shape == list(x.shape)
+
+
+def test_worked_gradients_of_0d_extremes_and_spreads():
+    x = QTensor(np.array(2.0), requires_grad=True)
+    tt.max(x).backward()
+    tt.min(x).backward()
+    assert x.grad.shape == [] and x.grad.item() == 2.0
+    for op, expected in [(tt.std, np.nan), (tt.var, np.nan), (lambda t: tt.std(t, unbiased=False), 0.0),
+                         (lambda t: tt.var(t, unbiased=False), 0.0)]:
+        x.zero_grad()
+        op(x).backward()
+        np.testing.assert_array_equal(x.grad.to_numpy(), np.array(expected))
+    t = QTensor(np.array([1.0, 2.0, 3.0]), requires_grad=True)
+    tt.std(t).backward()
+    np.testing.assert_allclose(t.grad.to_numpy(), [-0.5, 0.0, 0.5])
+
+
 def test_median_has_no_gradient():
     t = QTensor(X, requires_grad=True)
     y = tt.median(t)
@@ -173,6 +210,10 @@ def test_in_place_forms_keep_the_object():
     (lambda t: t.transpose([0, 0, 1]), AssertionError, "repeat dim in second para is not valid "),
     (lambda t: t.transpose([0]), AssertionError, "second para dim not equal to tensor shape"),
     (lambda t: t.reshape([5, 5]), AssertionError, "new size 25 not equal to old size 24"),
+    # products beyond int64 are reported whole, as Python computes them
+    (lambda t: t.reshape([2**62, 4]), AssertionError, "new size 18446744073709551616 not equal to old size 24"),
+    (lambda t: t.reshape_([2**40, 2**40, 3]), AssertionError, f"new size {3 * 2**80} not equal to old size 24"),
+    (lambda t: t.reshape([2**62, 4, 0]), AssertionError, "new size 0 not equal to old size 24"),
     (lambda t: t.reshape([-1, 24]), AssertionError, "dim should > 0"),
     (lambda t: t.reshape_(5), AssertionError, "second para should be list or tuple"),
     (lambda t: tt.permute(t, (1, 0, 2)), TypeError, "Argument 'dim' has incorrect type (expected list, got tuple)"),
@@ -188,6 +229,7 @@ def test_messages(call, exc, text):
 
 
 @pytest.mark.parametrize("call", [lambda t: tt.reshape(t, [5, 5]), lambda t: tt.min(t, 3),
+                                  lambda t: tt.reshape(t, [-1, 2**62, 4]), lambda t: tt.tile(t, [2**62]),
                                   lambda t: tt.swapaxis(t, 0, 3), lambda t: tt.transpose(t, [0, 1]),
                                   lambda t: tt.broadcast_to(t, [2, 3]), lambda t: tt.cumsum(t, 5)])
 def test_core_refusals_name_the_operation(call):

@@ -111,7 +111,8 @@ def test_constructor_dtype(make, default, dtype, expected, shape):
       for d in (D.kfloat32, D.kfloat64, D.kint32, D.kbool)],
     *[(a, None, TypeError, TYPE_MSG) for a in (
         np.zeros(2, np.float16), np.zeros(2, np.uint16), np.zeros(2, np.uint32),
-        np.zeros(2, np.uint64), np.array([1, "a"], dtype=object), np.array(["ab"]), ["x", "y"])],
+        np.zeros(2, np.uint64), np.array([1, "a"], dtype=object), np.array(["ab"]), ["x", "y"],
+        np.datetime64("2020"), np.timedelta64(5), np.array([3], "timedelta64[s]"), np.zeros(2, "i4,f8"))],
 ])
 def test_constructor_refusals(data, dtype, exc, msg):
     with pytest.raises(exc) as info:
@@ -338,6 +339,23 @@ def test_seed_is_cast_before_it_flows_into_the_graph():
     z.backward(np.array([1, 2]))
     assert seen == [D.kfloat32]
     np.testing.assert_array_equal(val(x.grad), [1.0, 2.0])
+
+
+# One element in shape [] or [1] (what a reduction over all elements gives): a seed or a
+# derivative's result of either shape is added to a grad of the other.
+def test_one_element_gradients_of_either_shape():
+    x = leaf(np.array(0.5))
+    y = tt.exp(x)
+    y.backward(QTensor(np.array([2.0])))
+    assert (x.grad.shape, y.grad.shape) == ([], [])
+    assert np.isclose(x.grad.item(), 2.0 * np.exp(0.5)) and y.grad.item() == 2.0
+    for returned in (lambda g: CoreTensor(np.array([3.0])), lambda g: np.array([[3.0]])):
+        p = leaf(np.array(1.0))
+        derived([(p, returned)], [1.0]).backward()
+        assert p.grad.shape == [] and p.grad.item() == 3.0
+    q = leaf([1.0])
+    derived([(q, lambda g: CoreTensor(np.array(3.0)))], np.array(1.0)).backward(np.array(2.0))
+    assert q.grad.shape == [1] and q.grad.item() == 3.0
 
 
 # ----------------------------------------------------------------- the walk

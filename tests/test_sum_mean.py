@@ -88,6 +88,20 @@ def test_sums_of_integers_and_the_scalar_gradient_path():
     assert np.allclose(t.grad.to_numpy(), 2.5) and t.grad.dtype == D.kfloat32
 
 
+# Over all elements the result has shape [1]: a 0-d input gets its gradient in
+# shape [], and a seed of the other one-element shape is taken as well.
+@pytest.mark.parametrize("op", [tt.sums, tt.mean])
+def test_one_element_shapes_meet_in_backward(op):
+    x = QTensor(np.array(1.5), requires_grad=True)
+    op(x).backward()
+    assert x.grad.shape == [] and x.grad.item() == 1.0
+    op(x).backward(np.array([2.0]))
+    assert x.grad.shape == [] and x.grad.item() == 3.0
+    v = QTensor(np.array([1.0, 2.0]), requires_grad=True)
+    op(v).backward(np.array(4.0))  # 0-d seed for the [1] result
+    np.testing.assert_allclose(v.grad.to_numpy(), [4.0, 4.0] if op is tt.sums else [2.0, 2.0])
+
+
 def test_var_match_shape_spreads_along_the_axis_and_counts_it():
     spread, n = tt.var_match_shape(QTensor(np.array([[1.0], [2.0]])).data, [2, 3], -1)
     assert n == 3

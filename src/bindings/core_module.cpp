@@ -67,7 +67,9 @@ NB_MODULE(_core, m) {
         py::doc("Seeds the one random generator behind every random fill.",
                 {"seed: a non-negative integer. A seed gives the same draws on one thread or many."}).c_str());
   m.def("set_num_threads", &set_num_threads, nb::arg("n"),
-        py::doc("Sets the number of threads that large loops split across.", {"n: the number of threads."}).c_str());
+        py::doc("Sets the number of threads that large loops split across.",
+                {"n: the number of threads, from 1 to four per processor (or the number the process started "
+                 "with, if more)."}).c_str());
   m.def("get_num_threads", &get_num_threads,
         py::doc("The number of threads that large loops split across.", {}, "An int.").c_str());
   m.def("emulated_accelerator_count", &emulated_accelerator_count,

@@ -141,7 +141,8 @@ Tensor reshape(const Tensor& t, const Shape& shape);
 Tensor reshape(const Tensor& t, const std::vector<int64_t>& dims);
 // The common shape of a and b by numpy's rule; raises naming both shapes.
 Shape broadcast_shape(const Shape& a, const Shape& b, const char* op);
-// t expanded (copied) to `shape`.
+// t expanded (copied) to `shape`. Beyond numpy's rule, a one-element tensor
+// of any shape goes to a 0-d `shape` (a reduction over all elements gives [1]).
 Tensor broadcast_to(const Tensor& t, const Shape& shape);
 Tensor tile(const Tensor& t, const std::vector<int64_t>& reps);
 // The gradient of tile: x summed over the repeats `reps` of a source of `shape`.

@@ -16,11 +16,15 @@ Shape::Shape(const int64_t* dims, int rank, const char* op) {
          "rank " + std::to_string(rank) + " exceeds the largest supported rank " + std::to_string(kMaxRank));
   rank_ = rank;
   for (int i = 0; i < rank; ++i) dims_[i] = dims[i];
+  // Keep numel * itemsize representable: larger shapes could never be
+  // allocated. The bound is on the product of the non-zero dimensions, as in
+  // numpy, so that the product of any of a shape's dimensions (what the
+  // fronts and kernels compute: an axis plan's outer, reduced and inner
+  // extents, merged axes) fits in int64 even when another one is zero.
   int64_t count = 1;
   for (int i = 0; i < rank; ++i) {
     if (dims[i] < 0) fail(ErrorKind::Value, op, "negative dimension in shape " + str());
-    // Keep numel * itemsize representable: larger shapes could never be allocated.
-    if (__builtin_mul_overflow(count, dims[i], &count) || count > kMaxElements)
+    if (dims[i] != 0 && (__builtin_mul_overflow(count, dims[i], &count) || count > kMaxElements))
       fail(ErrorKind::Value, op, "shape " + str() + " has too many elements");
   }
 }

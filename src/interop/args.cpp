@@ -146,11 +146,11 @@ std::optional<DType> DTypeArg::marked(const char* op) const {
   return known_dtype(v, op);
 }
 
-int DeviceArg::get(const char* op) const {
-  int64_t d = checked_integer(ptr(), op, "device", false);
-  if (d < INT32_MIN || d > INT32_MAX) fail(ErrorKind::Value, op, "device " + std::to_string(d) + " is out of range");
-  return int(d);
+void fail_device_range(int64_t d, const char* op) {
+  fail(ErrorKind::Value, op, "device " + std::to_string(d) + " is out of range");
 }
+
+int DeviceArg::get(const char* op) const { return device_number(checked_integer(ptr(), op, "device", false), op); }
 
 namespace {
 

@@ -95,6 +95,13 @@ struct DeviceArg : nb::handle {
   DeviceArg(nb::handle h) : nb::handle(h) {}
   int get(const char* op) const;
 };
+// d as a device number; ValueError beyond the range of int (never truncated:
+// 2**32 + 1000 is not device 1000).
+[[noreturn]] void fail_device_range(int64_t d, const char* op);
+inline int device_number(int64_t d, const char* op) {
+  if (d != int64_t(int32_t(d))) fail_device_range(d, op);
+  return int(d);
+}
 
 // A host number: bool, int, float or complex, numpy scalars and 0-d arrays
 // of those kinds included. Integers beyond 64 bits become floats.

@@ -76,7 +76,7 @@ nb::list shape_list(const Shape& shape) {
 
 namespace {
 
-bool dtype_from_dlpack(nb::dlpack::dtype dt, DType* out) {
+NB_INLINE bool dtype_from_dlpack(nb::dlpack::dtype dt, DType* out) {
   using Code = nb::dlpack::dtype_code;
   if (dt.lanes != 1) return false;
   switch (Code(dt.code)) {
@@ -109,22 +109,130 @@ nb::dlpack::dtype dlpack_dtype(DType dtype) {
 
 using AnyArray = nb::ndarray<nb::ro, nb::device::cpu>;
 
-}  // namespace
+// numpy's array and scalar types, imported on first use and held for the
+// life of the process.
+// The scalar types of the engine's dtypes, whose buffers nanobind reads as
+// they are (numpy has two 64-bit integer types on some platforms).
+constexpr const char* kEngineScalars[] = {"bool_", "uint8", "int8", "int16", "int32", "int64", "longlong",
+                                          "float32", "float64", "complex64", "complex128"};
+constexpr size_t kEngineScalarCount = sizeof(kEngineScalars) / sizeof(kEngineScalars[0]);
 
-bool array_dtype(nb::handle array, DType* out) {
+struct NumpyTypes {
+  PyTypeObject* ndarray;
+  PyTypeObject* generic;
+  nb::handle asarray;
+  PyTypeObject* known_scalars[kEngineScalarCount];
+};
+const NumpyTypes* g_numpy = nullptr;
+PyTypeObject* g_ndarray = nullptr;  // g_numpy->ndarray, once numpy_types() has run
+
+const NumpyTypes& numpy_types() {
+  if (!g_numpy) {
+    nb::module_ np = nb::module_::import_("numpy");
+    auto held = [&](const char* name) { return nb::object(np.attr(name)).release(); };
+    static NumpyTypes t{(PyTypeObject*)held("ndarray").ptr(), (PyTypeObject*)held("generic").ptr(),
+                        held("asarray"), {}};
+    for (size_t i = 0; i < kEngineScalarCount; ++i) t.known_scalars[i] = (PyTypeObject*)held(kEngineScalars[i]).ptr();
+    g_numpy = &t;
+    g_ndarray = t.ndarray;
+  }
+  return *g_numpy;
+}
+
+// The usual case, which needs none of what follows (false until numpy_types() has run).
+inline bool is_exact_ndarray(nb::handle obj) { return Py_TYPE(obj.ptr()) == g_ndarray; }
+
+// Whether nanobind's import may read `obj` through the buffer protocol: it
+// takes the exporter's shape and strides as given, and an exporter may leave
+// them null where the protocol asked for them.
+bool buffer_is_complete(PyObject* obj) {
+  Py_buffer view;
+  if (PyObject_GetBuffer(obj, &view, PyBUF_RECORDS_RO) != 0) {
+    PyErr_Clear();  // no buffer: the import does not use one either
+    return true;
+  }
+  bool complete = view.ndim == 0 || (view.shape && view.strides);
+  PyBuffer_Release(&view);
+  return complete;
+}
+
+// What nanobind's array import may read in place of `obj`: obj itself (the
+// usual case, a numpy array), the 0-d array numpy makes of a numpy scalar of
+// another type than the engine's (its own buffer is raw bytes for bytes_ and
+// str_, and for datetime64 and timedelta64 a dimension without shape or
+// strides), kept in `holder`, or nothing when obj cannot be read safely.
+NB_NOINLINE nb::handle importable(nb::handle obj, nb::object& holder) {
+  PyTypeObject* type = Py_TYPE(obj.ptr());
+  const NumpyTypes& np = numpy_types();
+  if (PyType_IsSubtype(type, np.generic)) {
+    for (PyTypeObject* known : np.known_scalars)
+      if (type == known) return obj;
+    holder = np.asarray(obj);
+    return holder;
+  }
+  if (!PyType_IsSubtype(type, np.ndarray) && PyObject_CheckBuffer(obj.ptr()) && !buffer_is_complete(obj.ptr()))
+    return nb::handle();
+  return obj;
+}
+
+// The element type of an array the engine has no type for, as its own
+// library names it (numpy's str(dtype)), else from its DLPack code.
+std::string element_type_name(nb::handle array, const nb::dlpack::dtype* dt) {
+  PyObject* dtype = PyObject_GetAttrString(array.ptr(), "dtype");
+  if (dtype) {
+    PyObject* text = PyObject_Str(dtype);
+    Py_DECREF(dtype);
+    if (text) {
+      Py_ssize_t size;
+      const char* chars = PyUnicode_AsUTF8AndSize(text, &size);
+      std::string name = chars ? std::string(chars, size_t(size)) : std::string();
+      Py_DECREF(text);
+      if (chars) return name;
+    }
+  }
+  PyErr_Clear();
+  if (!dt) return "unknown";
+  using Code = nb::dlpack::dtype_code;
+  const char* kind = nullptr;
+  switch (Code(dt->code)) {
+    case Code::Int: kind = "int"; break;
+    case Code::UInt: kind = "uint"; break;
+    case Code::Float: kind = "float"; break;
+    case Code::Complex: kind = "complex"; break;
+    case Code::Bool: kind = "bool"; break;
+    default: return "DLPack code " + std::to_string(int(dt->code)) + " of " + std::to_string(int(dt->bits)) + " bits";
+  }
+  std::string name = kind + std::to_string(int(dt->bits));
+  if (dt->lanes != 1) name += "x" + std::to_string(int(dt->lanes));
+  return name;
+}
+
+// The refusal of an array that nanobind could not import, or (`imported`)
+// of one of a DLPack type `dt` that the engine lacks.
+[[noreturn]] NB_NOINLINE void refuse_array(nb::handle array, nb::handle source, bool imported, nb::dlpack::dtype dt,
+                                           const char* op) {
+  // An ndarray that nanobind cannot import is one of an element type
+  // without a DLPack or buffer form: datetime64, str, object, structured.
+  if (imported || (source.is_valid() && PyObject_TypeCheck(source.ptr(), numpy_types().ndarray)))
+    fail(ErrorKind::Type, op,
+         "unsupported array element type (" + element_type_name(source, imported ? &dt : nullptr) + ")");
+  fail(ErrorKind::Type, op,
+       std::string("expected a numpy array of a supported element type, got ") + nb::type_name(array.type()).c_str());
+}
+
+NB_INLINE bool read_dtype(nb::handle source, DType* out) {
   AnyArray arr;
-  if (!nb::try_cast(array, arr, false)) return false;
+  if (!source.is_valid() || !nb::try_cast(source, arr, false)) return false;
   return dtype_from_dlpack(arr.dtype(), out);
 }
 
-Tensor tensor_from_array(nb::handle array, int device, std::optional<DType> dtype, const char* op) {
+// A copy of `source`, an array that nanobind may import, in place of `array`.
+NB_INLINE Tensor import_array(nb::handle source, nb::handle array, int device, std::optional<DType> dtype,
+                              const char* op) {
   AnyArray arr;
-  if (!nb::try_cast(array, arr, false))
-    fail(ErrorKind::Type, op,
-         std::string("expected a numpy array of a supported element type, got ") + nb::type_name(array.type()).c_str());
+  if (!source.is_valid() || !nb::try_cast(source, arr, false)) refuse_array(array, source, false, {}, op);
   DType src;
-  if (!dtype_from_dlpack(arr.dtype(), &src))
-    fail(ErrorKind::Type, op, "unsupported array element type (" + nb::cast<std::string>(nb::steal<nb::str>(PyObject_Str(array.attr("dtype").ptr()))) + ")");
+  if (!dtype_from_dlpack(arr.dtype(), &src)) refuse_array(array, source, true, arr.dtype(), op);
   int rank = int(arr.ndim());
   if (rank > kMaxRank)
     fail(ErrorKind::Value, op, "rank " + std::to_string(rank) + " exceeds the largest supported rank " +
@@ -137,6 +245,20 @@ Tensor tensor_from_array(nb::handle array, int device, std::optional<DType> dtyp
   }
   Shape shape(dims, rank, op);
   return from_strided(arr.data(), src, shape, strides, dtype.value_or(src), device);
+}
+
+}  // namespace
+
+bool array_dtype(nb::handle array, DType* out) {
+  if (is_exact_ndarray(array)) return read_dtype(array, out);
+  nb::object holder;
+  return read_dtype(importable(array, holder), out);
+}
+
+Tensor tensor_from_array(nb::handle array, int device, std::optional<DType> dtype, const char* op) {
+  if (is_exact_ndarray(array)) return import_array(array, array, device, dtype, op);
+  nb::object holder;
+  return import_array(importable(array, holder), array, device, dtype, op);
 }
 
 nb::object numpy_copy(const Tensor& t, const char* op) {

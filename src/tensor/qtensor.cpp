@@ -212,19 +212,19 @@ std::string py_text(nb::handle o) {
   return nb::cast<std::string>(text);
 }
 
-int64_t device_of(nb::handle device_field, const char* op) {
+int device_of(nb::handle device_field, const char* op) {
   if (PyLong_CheckExact(device_field.ptr())) {
     int overflow = 0;
     long long d = PyLong_AsLongLongAndOverflow(device_field.ptr(), &overflow);
-    if (!overflow) return d;
+    if (!overflow) return py::device_number(d, op);
   }
-  return py::integer(device_field, op, "device");
+  return py::device_number(py::integer(device_field, op, "device"), op);
 }
 
 nb::object device_object(int device) {
   // The processor and the first accelerators, made once and shared.
   static PyObject* usual[17] = {};
-  int slot = device == kCpuDevice ? 0 : device - kFirstAccelerator + 1;
+  int64_t slot = device == kCpuDevice ? 0 : int64_t(device) - kFirstAccelerator + 1;
   if (slot < 0 || slot >= 17) return nb::int_(device);
   if (!usual[slot]) usual[slot] = nb::int_(device).release().ptr();
   return nb::borrow(usual[slot]);
@@ -335,7 +335,7 @@ void zero_grad(nb::handle self) {
   if (is_false(s.requires_grad)) throw nb::value_error("Tensor's requires_grad is False ");
   if (s.grad.is_none()) {
     const Tensor& data = core_of(s, "zero_grad");
-    int device = int(device_of(s.device, "zero_grad"));
+    int device = device_of(s.device, "zero_grad");
     nb::object zeros = wrap_core(full(data.shape(), Scalar::from_int(0), device, data.dtype(), "zeros"));
     s.grad = new_qtensor(to_coretensor_ndarray(zeros, s.device, nb::int_(int(data.dtype()))), Py_False, Py_None,
                          s.device);

@@ -147,7 +147,9 @@ nb::object wrap_core(Tensor t);
 bool truthy(nb::handle h);
 inline bool is_true(nb::handle h) { return h.ptr() == Py_True; }
 inline bool is_false(nb::handle h) { return h.ptr() == Py_False; }
-int64_t device_of(nb::handle device_field, const char* op);
+// A QTensor's device field as a device number; ValueError when it is not one
+// (beyond the range of int).
+int device_of(nb::handle device_field, const char* op);
 // The Python int for a device number (shared objects for the usual devices).
 nb::object device_object(int device);
 

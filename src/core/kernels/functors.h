@@ -30,6 +30,7 @@
 // is plain arithmetic on its element type.
 #pragma once
 #include <cmath>
+#include <cstdlib>
 #include <complex>
 #include <limits>
 #include <type_traits>
@@ -64,10 +65,24 @@ template <typename T> TRAMEL_HD inline T conj(T v) {
   if constexpr (is_complex_v<T>) return T(v.real(), -v.imag());
   else return v;
 }
+
+// Integer arithmetic wraps around, as numpy's does. Signed overflow is
+// undefined in C++ (the compiler may assume it never happens), so integer
+// sums, differences, products and negations are computed in the unsigned
+// type of the promoted operands, where they wrap by definition, and converted
+// back. The code generated is the same.
+template <typename T> using wrap_t = std::make_unsigned_t<decltype(+T())>;
+template <typename T> inline constexpr bool is_wrapping_v = std::is_integral_v<T> && !std::is_same_v<T, bool>;
+template <typename T> TRAMEL_HD inline T negate(T v) {
+  if constexpr (is_wrapping_v<T>) return T(wrap_t<T>(0) - wrap_t<T>(v));
+  else return T(-v);
+}
+
 template <typename T> TRAMEL_HD inline T mul(T a, T b) {
   if constexpr (is_complex_v<T>)
     return T(a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real());
   else if constexpr (std::is_same_v<T, bool>) return a && b;
+  else if constexpr (is_wrapping_v<T>) return T(wrap_t<T>(a) * wrap_t<T>(b));
   else return T(a * b);
 }
 // Smith's algorithm for complex quotients; integers truncate, and since a
@@ -99,11 +114,15 @@ template <typename T> TRAMEL_HD inline T div(T a, T b) {
 struct Add {
   template <typename T> TRAMEL_HD T operator()(T a, T b) const {
     if constexpr (std::is_same_v<T, bool>) return a || b;
+    else if constexpr (is_wrapping_v<T>) return T(wrap_t<T>(a) + wrap_t<T>(b));
     else return T(a + b);
   }
 };
 struct Sub {
-  template <typename T> TRAMEL_HD T operator()(T a, T b) const { return T(a - b); }
+  template <typename T> TRAMEL_HD T operator()(T a, T b) const {
+    if constexpr (is_wrapping_v<T>) return T(wrap_t<T>(a) - wrap_t<T>(b));
+    else return T(a - b);
+  }
 };
 struct Mul {
   template <typename T> TRAMEL_HD T operator()(T a, T b) const { return fn::mul(a, b); }
@@ -118,11 +137,14 @@ struct Pow {
         // Negative exponents have integer results only for bases 1 and -1.
         if (b < 0) return a == 1 ? T(1) : a == T(-1) ? T((b & 1) ? -1 : 1) : T(0);
       }
+      // Products in the promoted unsigned type (two uint16 promote to int,
+      // whose product can overflow).
       using U = std::make_unsigned_t<T>;
+      using W = wrap_t<T>;
       U result = 1, base = U(a);
       for (U e = U(b); e; e >>= 1) {
-        if (e & 1) result = U(result * base);
-        base = U(base * base);
+        if (e & 1) result = U(W(result) * W(base));
+        base = U(W(base) * W(base));
       }
       return T(result);
     } else if constexpr (is_complex_v<T>) {
@@ -173,13 +195,22 @@ struct IsNegInf { template <typename T> TRAMEL_HD bool operator()(T v) const { r
 // A functor whose fast form is exact only on part of the domain declares
 // fixup<T> and supplies fast_ok(x) and exact(x); the loop recomputes the
 // elements outside with exact (see map_fixup in loops.h).
-struct Neg { template <typename T> TRAMEL_HD T operator()(T v) const { return T(-v); } };
-struct Abs {
+struct Neg { template <typename T> TRAMEL_HD T operator()(T v) const { return fn::negate(v); } };
+struct Abs {  // of the most negative integer: itself, as in numpy
   template <typename T> TRAMEL_HD auto operator()(T v) const {
-    if constexpr (is_complex_v<T>) return std::hypot(v.real(), v.imag());
-    else if constexpr (std::is_floating_point_v<T>) return std::fabs(v);
-    else if constexpr (std::is_signed_v<T>) return T(v < 0 ? -v : v);
-    else return v;
+    if constexpr (is_complex_v<T>) {
+      return std::hypot(v.real(), v.imag());
+    } else if constexpr (std::is_floating_point_v<T>) {
+      return std::fabs(v);
+    } else if constexpr (std::is_signed_v<T> && sizeof(T) < sizeof(long long)) {
+      return T(std::llabs(v));  // exact in long long; vectorises as an abs instruction
+    } else if constexpr (std::is_signed_v<T>) {
+      using U = std::make_unsigned_t<T>;
+      U sign = U(v >> (sizeof(T) * 8 - 1));  // all ones for a negative v
+      return T((U(v) ^ sign) - sign);
+    } else {
+      return v;
+    }
   }
 };
 struct Square { template <typename T> TRAMEL_HD T operator()(T v) const { return fn::mul(v, v); } };

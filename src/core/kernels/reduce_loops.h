@@ -72,10 +72,12 @@ TRAMEL_BODY double block_sq_dev_body(const R* x, int64_t n, R m_even, R m_odd) {
 }
 TRAMEL_VECTORIZE(block_sq_dev)
 
+// Integer sums wrap around in int64, as numpy's do: they are kept in uint64,
+// where wrapping is defined (see fn::wrap_t).
 template <typename T>
-TRAMEL_BODY int64_t block_sum_int_body(const T* x, int64_t n) {
-  int64_t s = 0;
-  for (int64_t i = 0; i < n; ++i) s += int64_t(x[i]);
+TRAMEL_BODY uint64_t block_sum_int_body(const T* x, int64_t n) {
+  uint64_t s = 0;
+  for (int64_t i = 0; i < n; ++i) s += uint64_t(int64_t(x[i]));
   return s;
 }
 TRAMEL_VECTORIZE(block_sum_int)
@@ -106,11 +108,11 @@ template <typename T>
 acc_t<T> sum_run(const T* x, int64_t n, bool parallel) {
   using A = acc_t<T>;
   if constexpr (std::is_integral_v<T>) {
-    int64_t stack[64], *part;
-    std::vector<int64_t> heap;
+    uint64_t stack[64], *part;
+    std::vector<uint64_t> heap;
     for_blocks(n, kSumBlock, parallel, heap, stack, 64, &part,
                [&](int64_t k, int64_t b, int64_t len) { part[k] = block_sum_int(x + b, len); });
-    int64_t s = 0;
+    uint64_t s = 0;
     for (int64_t k = 0; k * kSumBlock < n; ++k) s += part[k];
     return A(s);
   } else {

@@ -59,8 +59,10 @@ void log_softmax(const Tensor& x, Tensor& out, int64_t outer, int64_t r, int64_t
       if (std::isinf(m)) m = 0;  // all -inf (or +inf present): shift by nothing
       double total = 0;
       for (int64_t k = 0; k < r; ++k) total += double(vmath::exp_v(T(in[base + k * s] - m)));
-      T shift = T(m + std::log(total));
-      for (int64_t k = 0; k < r; ++k) o[base + k * s] = T(in[base + k * s] - shift);
+      // x - m is exact near the maximum; m + log(total) would round away
+      // the log's digits when m is large (float32 keeps 7 digits of 1e5).
+      T log_total = T(std::log(total));
+      for (int64_t k = 0; k < r; ++k) o[base + k * s] = T(T(in[base + k * s] - m) - log_total);
     });
   });
 }

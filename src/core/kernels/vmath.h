@@ -48,7 +48,10 @@ TRAMEL_VMATH float exp_f32(float x) {
   p = p * r + 5.0000001201e-1f;
   p = p * z + r + 1.0f;
   int32_t n1 = n >> 1, n2 = n - n1;
-  float s1 = bits<float>((n1 + 127) << 23), s2 = bits<float>((n2 + 127) << 23);
+  // The exponent fields are shifted as unsigned values: for a NaN input n is
+  // garbage, and a negative or too large signed value must not be shifted
+  // (undefined behaviour); the NaN of p makes the result NaN in any case.
+  float s1 = bits<float>(uint32_t(n1 + 127) << 23), s2 = bits<float>(uint32_t(n2 + 127) << 23);
   return p * s1 * s2;
 }
 
@@ -77,7 +80,7 @@ TRAMEL_VMATH double exp_f64(double x) {
   p = p * r + 0.5;
   p = p * (r * r) + r + 1.0;
   int64_t n1 = n >> 1, n2 = n - n1;
-  double s1 = bits<double>((n1 + 1023) << 52), s2 = bits<double>((n2 + 1023) << 52);
+  double s1 = bits<double>(uint64_t(n1 + 1023) << 52), s2 = bits<double>(uint64_t(n2 + 1023) << 52);  // as in exp_f32
   return p * s1 * s2;
 }
 

@@ -32,9 +32,10 @@ Tensor full(const Shape& shape, const Scalar& value, int device, DType dtype, co
 Tensor arange(double start, double end, double step, int device, DType dtype) {
   const char* op = "arange";
   if (step == 0 || !std::isfinite(step)) fail(ErrorKind::Value, op, "step must be finite and non-zero");
+  if (!std::isfinite(start) || !std::isfinite(end)) fail(ErrorKind::Value, op, "start and end must be finite");
+  // Finite bounds far apart can still overflow the quotient to infinity.
   double count = std::ceil((end - start) / step);
-  if (!std::isfinite(count)) fail(ErrorKind::Value, op, "start and end must be finite");
-  if (count > double(kMaxElements)) fail(ErrorKind::Value, op, "the range has too many elements");
+  if (!(count <= double(kMaxElements))) fail(ErrorKind::Value, op, "the range has too many elements");
   Tensor t = vector_of(count > 0 ? int64_t(count) : 0, device, dtype, op);
   require_types(kRangeTypes, dtype, op);
   need(kernels_of(t).arange, t, op)(t, start, step);
@@ -74,7 +75,11 @@ Tensor diag(const Tensor& t, int64_t k) {
   } else {
     if (t.ndim() != 1)
       fail(ErrorKind::Value, op, "expects a 1- or 2-dimensional tensor, got shape " + t.shape().str());
-    int64_t size = t.numel() + (k < 0 ? -k : k);
+    // |k| + numel, without overflow for any k; Shape refuses a size too large.
+    uint64_t offset = k < 0 ? uint64_t(0) - uint64_t(k) : uint64_t(k);
+    if (offset > uint64_t(kMaxElements))
+      fail(ErrorKind::Value, op, "the diagonal " + std::to_string(k) + " makes a matrix with too many elements");
+    int64_t size = t.numel() + int64_t(offset);
     int64_t dims[2] = {size, size};
     out = Tensor::empty(Shape(dims, 2, op), t.dtype(), t.device(), op);
   }

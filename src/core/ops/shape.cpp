@@ -1,10 +1,22 @@
 // Reshaping, views that merge, drop or insert axes, broadcasting and tiling.
 // Element order is row-major throughout.
 #include <algorithm>
+#include <string>
 
 #include "core/ops/front.h"
 
 namespace tramel {
+
+namespace {
+
+// Dimensions as given, negative ones included: "[-1, 4]".
+std::string dims_str(const std::vector<int64_t>& v) {
+  std::string s;
+  for (size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + std::to_string(v[i]);
+  return "[" + s + "]";
+}
+
+}  // namespace
 
 Tensor reshape(const Tensor& t, const Shape& shape) { return t.view_as(shape); }
 
@@ -15,18 +27,25 @@ Tensor reshape(const Tensor& t, const std::vector<int64_t>& dims) {
                                    std::to_string(kMaxRank));
   int64_t d[kMaxRank];
   int infer = -1;
+  // The product of the given non-zero dimensions, bounded as Shape bounds it:
+  // `too_many` once it passes the largest element count (and it is not
+  // multiplied further).
   int64_t known = 1;
+  bool zero = false, too_many = false;
   for (size_t i = 0; i < dims.size(); ++i) {
     d[i] = dims[i];
     if (dims[i] == -1) {
       if (infer >= 0) fail(ErrorKind::Value, op, "only one dimension can be -1");
       infer = int(i);
-    } else if (dims[i] >= 0) {
-      known *= dims[i];
+    } else if (dims[i] == 0) {
+      zero = true;
+    } else if (dims[i] > 0 && !too_many) {
+      too_many = __builtin_mul_overflow(known, dims[i], &known) || known > kMaxElements;
     }
   }
   if (infer >= 0) {
-    if (known == 0 || t.numel() % known != 0)
+    if (too_many) fail(ErrorKind::Value, op, "shape " + dims_str(dims) + " has too many elements");
+    if (zero || t.numel() % known != 0)
       fail(ErrorKind::Value, op, "cannot reshape " + t.shape().str() + " with a -1 dimension");
     d[infer] = t.numel() / known;
   }
@@ -117,7 +136,12 @@ Tensor broadcast_to(const Tensor& t, const Shape& shape) {
     int64_t d = in[i], o = shape[i + rank - in.rank()];
     fits = d == o || d == 1;
   }
-  if (!fits) fail(ErrorKind::Value, op, "cannot broadcast shape " + in.str() + " to " + shape.str());
+  if (!fits) {
+    // A one-element tensor (a reduction over all elements gives shape [1])
+    // stands for the value of a 0-d target.
+    if (rank == 0 && t.numel() == 1) return t.view_as(shape);  // storage shared, as below
+    fail(ErrorKind::Value, op, "cannot broadcast shape " + in.str() + " to " + shape.str());
+  }
   if (in == shape) return t;  // storage shared; see Note [copy-on-write storage]
   MapKernel kernel = need(kernels_of(t).broadcast, t, op);
   Tensor out = Tensor::empty(shape, t.dtype(), t.device(), op);
@@ -155,16 +179,23 @@ struct Interleaved {
   std::vector<int64_t> rep_axes;
 };
 
-Interleaved interleave(const Aligned& a, const char* op) {
+Interleaved interleave(const Aligned& a, const Shape& shape, const std::vector<int64_t>& reps, const char* op) {
   Interleaved v;
+  // The repetitions and the source's dimensions together, bounded as Shape
+  // bounds a shape (non-zero ones only): that bounds the tiled dimensions.
+  int64_t count = 1;
   for (int i = 0; i < a.rank; ++i) {
     if (a.reps[i] != 1) {
       v.rep_axes.push_back(v.rank);
       v.src[v.rank] = 1, v.tiled[v.rank] = a.reps[i], ++v.rank;
     }
     v.src[v.rank] = a.shape[i], v.tiled[v.rank] = a.shape[i], ++v.rank;
-    v.flat[i] = a.shape[i] * a.reps[i];
+    for (int64_t n : {a.reps[i], a.shape[i]})
+      if (n != 0 && (__builtin_mul_overflow(count, n, &count) || count > kMaxElements))
+        fail(ErrorKind::Value, op,
+             "tiling shape " + shape.str() + " by " + dims_str(reps) + " gives too many elements");
   }
+  for (int i = 0; i < a.rank; ++i) v.flat[i] = a.shape[i] * a.reps[i];
   if (v.rank > kMaxRank)
     fail(ErrorKind::Value, op, "tiling needs " + std::to_string(v.rank) + " dimensions, more than " +
                                    std::to_string(kMaxRank));
@@ -176,7 +207,7 @@ Interleaved interleave(const Aligned& a, const char* op) {
 Tensor tile(const Tensor& t, const std::vector<int64_t>& reps) {
   const char* op = "tile";
   Aligned a = align(t.shape(), reps, op);
-  Interleaved v = interleave(a, op);
+  Interleaved v = interleave(a, t.shape(), reps, op);
   Tensor tiled = broadcast_to(t.view_as(Shape(v.src, v.rank, op)), Shape(v.tiled, v.rank, op));
   if (tiled.storage() == t.storage()) tiled = to_device(tiled, t.device(), op);  // a tile is a new tensor
   return tiled.view_as(Shape(v.flat, a.rank, op));
@@ -185,7 +216,7 @@ Tensor tile(const Tensor& t, const std::vector<int64_t>& reps) {
 Tensor tile_grad(const Tensor& x, const Shape& shape, const std::vector<int64_t>& reps) {
   const char* op = "TileGrad";
   Aligned a = align(shape, reps, op);
-  Interleaved v = interleave(a, op);
+  Interleaved v = interleave(a, shape, reps, op);
   Shape tiled(v.tiled, v.rank, op);
   if (tiled.numel() != x.numel())
     fail(ErrorKind::Value, op, "gradient of shape " + x.shape().str() + " does not match " + shape.str() +

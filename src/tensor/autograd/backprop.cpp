@@ -20,7 +20,7 @@ void get_prev(nb::handle q, Nodes& out) {
       const Tensor& data = core_of(parent, "backward");
       if (!is_floating(data.dtype()) && !is_complex(data.dtype()))
         throw nb::value_error("Only float or double tensor can do gradient calculation.");
-      parent.grad = zeros_qtensor(data.shape(), int(device_of(parent.device, "zeros")), data.dtype());
+      parent.grad = zeros_qtensor(data.shape(), device_of(parent.device, "zeros"), data.dtype());
     }
     out.push_back(nb::borrow(edge.tensor));
   });
@@ -123,12 +123,30 @@ bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
   return true;
 }
 
+// Whether t, of one element, stands for a value of `shape` (or the reverse):
+// shape [1] (a reduction over all elements) meets shape [].
+bool one_element_of(const Tensor& t, const Shape& shape) {
+  return t.numel() == 1 && shape.numel() == 1 && (t.ndim() == 0 || shape.rank() == 0);
+}
+
+NB_NOINLINE void accumulate_reshaped(Tensor& accumulated, const Tensor& g) {
+  add_(accumulated, one_element_of(g, accumulated.shape()) ? reshape(g, accumulated.shape()) : g);
+}
+
+// Adds a gradient to a grad; a one-element gradient and a 0-d grad (or the
+// reverse) meet where a reduction over all elements, whose result has shape
+// [1], was taken of a 0-d tensor: the gradient is added in the grad's shape.
+inline void accumulate(Tensor& accumulated, const Tensor& g) {
+  if (NB_UNLIKELY(g.ndim() != accumulated.ndim())) accumulate_reshaped(accumulated, g);
+  else add_(accumulated, g);
+}
+
 // Adds the gradient that a Python derivative function returned.
-void add_returned(Tensor& accumulated, nb::handle ingrad, int64_t edge_device) {
+void add_returned(Tensor& accumulated, nb::handle ingrad, int edge_device) {
   if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
-    add_(accumulated, py::tensor_from_array(ingrad, int(edge_device), accumulated.dtype(), "backward"));
+    accumulate(accumulated, py::tensor_from_array(ingrad, edge_device, accumulated.dtype(), "backward"));
   else if (is_core_tensor(ingrad))
-    add_(accumulated, as_core(ingrad, "backward"));
+    accumulate(accumulated, as_core(ingrad, "backward"));
   else
     throw nb::type_error(("[backward] a derivative function must return a _core.Tensor or a numpy.ndarray, got " +
                           std::string(nb::type_name(ingrad.type()).c_str())).c_str());
@@ -144,18 +162,18 @@ void backprop_impl(nb::handle g, nb::handle end) {
       QTensor& parent = as_qtensor(edge.tensor, "backward");
       QTensor& incoming = as_qtensor(outgrad, "backward");
       const Tensor& grad = core_of(incoming, "backward");
-      int64_t edge_device = device_of(edge.device, "backward");
+      int edge_device = device_of(edge.device, "backward");
       // A gradient on the processor meeting an edge on an accelerator, or the
       // reverse, is copied to the edge's device first.
       bool crosses = (edge_device >= kFirstAccelerator && grad.device() == kCpuDevice) ||
                      (edge_device == kCpuDevice && grad.device() >= kFirstAccelerator);
-      Tensor moved = crosses ? to_device(grad, int(edge_device), "backward") : Tensor();
+      Tensor moved = crosses ? to_device(grad, edge_device, "backward") : Tensor();
       const Tensor& given = crosses ? moved : grad;
       // Built-in derivatives run in C++; any other callable gets a _core.Tensor.
       if (edge.derivative) {
         Tensor ingrad = edge.derivative->apply(given);
         if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
-        add_(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad);
+        accumulate(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad);
       } else {
         nb::object argument = crosses ? wrap_core(std::move(moved)) : nb::object(data_object(incoming));
         PyObject* result = PyObject_CallOneArg(edge.df.ptr(), argument.ptr());
@@ -225,7 +243,7 @@ void backward(nb::handle self, nb::handle grad) {
   if (grad.is_none()) {
     seed = ones_like(self, s.device, dtype_obj);
   } else {
-    int64_t device = device_of(s.device, "backward");
+    int device = device_of(s.device, "backward");
     if (device >= kFirstAccelerator && PyObject_TypeCheck(grad.ptr(), ndarray_type()))
       // (sic) the leading space and the missing one after the comma.
       throw nb::value_error(" input grad should not be ndarray,if current Tensor is on GPU device.");
@@ -238,8 +256,20 @@ void backward(nb::handle self, nb::handle grad) {
                                py_text(seed_device) + " and " +
                                py_text(s.device) + ".");
   }
-  if (core_of(as_qtensor(seed, "backward"), "backward").dtype() != dtype) seed = seed.attr("astype")(dtype_obj);
-  add_(core_of(as_qtensor(s.grad, "backward"), "backward"), core_of(as_qtensor(seed, "backward"), "backward"));
+  const Tensor* seed_data = &core_of(seed, "backward");
+  if (seed_data->dtype() != dtype) {
+    seed = seed.attr("astype")(dtype_obj);
+    seed_data = &core_of(seed, "backward");
+  }
+  const Shape& shape = core_of(s, "backward").shape();
+  if (NB_UNLIKELY(seed_data->ndim() != shape.rank()) && one_element_of(*seed_data, shape)) {
+    // A one-element seed for a 0-d result, or a 0-d seed for a one-element
+    // result (a reduction over all elements): the derivatives get it in the
+    // result's shape.
+    seed = new_qtensor(wrap_core(reshape(*seed_data, shape)), Py_False, Py_None, s.device);
+    seed_data = &core_of(seed, "backward");
+  }
+  accumulate(core_of(as_qtensor(s.grad, "backward"), "backward"), *seed_data);
   backprop(seed, self);
 }
 

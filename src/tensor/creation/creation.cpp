@@ -22,7 +22,7 @@ nb::object like(nb::handle t, const py::DeviceArg& device, const py::DTypeArg& d
   QTensor& source = as_qtensor(t, op);
   const Tensor& data = core_of(source, op);
   DType d = dtype.get_or(op, data.dtype());
-  int dev = device.is_none() ? int(device_of(source.device, op)) : device.get(op);
+  int dev = device.is_none() ? device_of(source.device, op) : device.get(op);
   nb::object result = qtensor_from_core(make(data.shape(), dev, d));
   if (is_true(source.requires_grad)) {
     as_qtensor(result, op).requires_grad = nb::borrow(Py_True);

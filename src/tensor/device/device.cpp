@@ -72,7 +72,7 @@ nb::object to_gpu(nb::handle self, const py::DeviceArg& device) {
 
 nb::object to_cpu(nb::handle self) { return move(self, kCpuDevice, "toCPU"); }
 
-int64_t device_field(nb::handle self, const char* op) { return device_of(as_qtensor(self, op).device, op); }
+int device_field(nb::handle self, const char* op) { return device_of(as_qtensor(self, op).device, op); }
 
 }  // namespace
 

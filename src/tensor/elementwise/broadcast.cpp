@@ -80,12 +80,12 @@ std::pair<nb::object, nb::object> prepare_binary(nb::handle t1, nb::handle t2) {
   QTensor& qa = as_qtensor(a, "broadcast");
   QTensor& qb = as_qtensor(b, "broadcast");
   // Only a one-element processor operand follows the other to its accelerator.
-  int64_t da = device_of(qa.device, "broadcast"), db = device_of(qb.device, "broadcast");
+  int da = device_of(qa.device, "broadcast"), db = device_of(qb.device, "broadcast");
   if (size_of(qa) == 1 && da == kCpuDevice && db >= kFirstAccelerator) {
-    move_to_device(a, int(db));
+    move_to_device(a, db);
     da = db;
   }
-  if (size_of(qb) == 1 && db == kCpuDevice && da >= kFirstAccelerator) move_to_device(b, int(da));
+  if (size_of(qb) == 1 && db == kCpuDevice && da >= kFirstAccelerator) move_to_device(b, da);
   if (core_of(qa, "broadcast").shape() != core_of(qb, "broadcast").shape()) return broadcast_pair(a, b);
   return {a, b};
 }

@@ -145,7 +145,7 @@ nb::object core_from_array(nb::handle array, int device, nb::handle dtype, bool 
 nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle dtype) {
   if (is_core_tensor(data)) {
     Tensor& t = as_core(data, "QTensor");
-    int64_t dev = device_of(device, "QTensor");
+    int dev = device_of(device, "QTensor");
     auto finish = [&]() -> nb::object {
       if (dtype.is_none()) return nb::borrow(data);
       DType d = py::DTypeArg(dtype).get("QTensor");
@@ -159,7 +159,7 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
     if (dev >= kFirstAccelerator) {
       // (sic) "Create Tensor", "DEV_GPU" and the backslashes of both messages.
       try {
-        t.assign(to_device(t, int(dev), "toGPU"));
+        t.assign(to_device(t, dev, "toGPU"));
         return finish();
       } catch (const std::exception&) {
         fail_move("Failed to move Create Tensor on GPU " + std::to_string(dev) + ". \\\n" + std::string(28, ' ') +

@@ -19,10 +19,16 @@ std::pair<Tensor, int64_t> var_match_shape(const Tensor& x, const Shape& shape, 
   return {broadcast_to(reshape(x, kept), shape), shape[w]};
 }
 
+// The standard deviation of a single element (divisor n) is 0 whatever the
+// element: its derivative is 0, where the formula below would give 0 / 0.
+bool constant_std(int64_t n, bool unbiased) { return n == 1 && !unbiased; }
+
 Tensor std_grad_withoutaxis(const Tensor& g, nb::handle t, const Tensor& data, bool unbiased) {
+  if (constant_std(core_of(t, "std").numel(), unbiased)) return zeros_shaped_like(core_of(t, "std"));
   nb::object result = minus(t, mean_of(t, Py_None, Py_False));
   Tensor& r = core_of(result, "std");
-  const Shape& shape = core_of(t, "var").shape();
+  // t's shape, or [1] for a 0-d t (minus the mean's one element), as in var.
+  const Shape shape = r.shape();
   binary_(BinaryOp::Div, r, broadcast_to(data, shape));
   int64_t n = core_of(t, "var").numel();
   binary_(BinaryOp::Div, r, Scalar::from_int(unbiased ? n - 1 : n));
@@ -33,6 +39,7 @@ Tensor std_grad_withoutaxis(const Tensor& g, nb::handle t, const Tensor& data, b
 Tensor std_grad_withaxis(const Tensor& x, nb::handle t, const Tensor& data, const Shape& shape, int64_t axis,
                          bool unbiased) {
   auto [g, n] = var_match_shape(x, shape, axis);
+  if (constant_std(n, unbiased)) return zeros_shaped_like(core_of(t, "std"));
   Tensor spread_std = var_match_shape(data, shape, axis).first;
   nb::object result = minus(t, mean_of(t, nb::int_(axis), Py_True));
   Tensor& r = core_of(result, "std");

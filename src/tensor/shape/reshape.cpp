@@ -43,12 +43,25 @@ nb::object reshaped(nb::handle t, const py::IntList& shape, bool method) {
 
 // QTensor.reshape's own checks, as assertions.
 void check_reshape(const QTensor& q, const py::IntList& new_shape) {
+  std::vector<int64_t> dims = new_shape.get("reshape", "shape");
   int64_t size = 1;
-  for (int64_t v : new_shape.get("reshape", "shape")) {
+  bool overflow = false;
+  for (int64_t v : dims) {
     if (v < 0) assertion("dim should > 0");
-    size *= v;
+    overflow = overflow || __builtin_mul_overflow(size, v, &size);
   }
   int64_t old = core_of(q, "reshape").numel();
+  if (overflow) {
+    // The exact product, a Python int (0 when a later dimension is 0).
+    nb::object product = nb::int_(1);
+    for (int64_t v : dims) {
+      PyObject* next = PyNumber_Multiply(product.ptr(), nb::int_(v).ptr());
+      if (!next) throw nb::python_error();
+      product = nb::steal(next);
+    }
+    if (product.equal(nb::int_(old))) return;
+    assertion("new size " + py_text(product) + " not equal to old size " + std::to_string(old));
+  }
   if (size != old) assertion("new size " + std::to_string(size) + " not equal to old size " + std::to_string(old));
 }
 

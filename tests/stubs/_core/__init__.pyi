@@ -68,7 +68,7 @@ def set_num_threads(n: int) -> None:
     Sets the number of threads that large loops split across.
 
     Args:
-        n: the number of threads.
+        n: the number of threads, from 1 to four per processor (or the number the process started with, if more).
     """
 
 def get_num_threads() -> int:
