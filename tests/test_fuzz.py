@@ -76,51 +76,11 @@ PENDING_ERROR_MESSAGES = ("error return without exception set", "returned null w
 #
 # Calls that still fail, skipped until their fixes land. Each name is a matcher below; a call a
 # matcher accepts is counted as skipped and not made. When the fixes are in, empty the tuple:
-KNOWN_FAULTS = ("datetime-conversion", "many-threads", "core-tensor-device-narrowed")
+KNOWN_FAULTS = ()
 
 
-def _datetime_conversion(target, args, kwargs):
-    import numpy as np
-    if target.name != "_core.Tensor":
-        return False
-    array = args[0] if args else kwargs.get("array")
-    return isinstance(array, (np.datetime64, np.timedelta64)) or (
-        isinstance(array, np.ndarray) and array.dtype.kind in "mM")
-
-
-def _integer(value):
-    import operator
-    try:
-        return operator.index(value)
-    except Exception:
-        return None
-
-
-def _many_threads(target, args, kwargs):
-    n = _integer(args[0] if args else kwargs.get("n"))
-    return target.name == "_core.set_num_threads" and n is not None and n >= 100000
-
-
-def _core_tensor_device_narrowed(target, args, kwargs):
-    from pytramel._core import Tensor
-    if target.name != "tensor.QTensor":
-        return False
-    data = args[0] if args else kwargs.get("data")
-    device = _integer(args[3] if len(args) > 3 else kwargs.get("device", 0))
-    return isinstance(data, Tensor) and device is not None and not -2**31 <= device < 2**31
-
-
-KNOWN_FAULT_MATCHERS = {
-    # _core.Tensor(np.datetime64("2020")), np.timedelta64, arrays of those dtypes: the array
-    # conversion crashes.
-    "datetime-conversion": _datetime_conversion,
-    # _core.set_num_threads(100000) and then a large operation: the process dies (libgomp: "Out of
-    # memory allocating ..." or "Thread creation failed").
-    "many-threads": _many_threads,
-    # QTensor(core_tensor, device=2**32 + 1000): the core tensor moves to device 1000, the device
-    # number narrowed to 32 bits, while the result's device says 4294968296.
-    "core-tensor-device-narrowed": _core_tensor_device_narrowed,
-}
+# name -> matcher(target, args, kwargs): whether a call is the known fault. None are known now.
+KNOWN_FAULT_MATCHERS = {}
 
 
 def known_fault(target, args, kwargs):
