@@ -38,11 +38,23 @@ class OPNodesInfo:
 
 
 def get_onnx_convert_config(key):
-    """The value of 'save_constant' or 'save_opinfo' (both False by default)."""
+    """The value of one recording setting, exactly as it was set.
+
+    Args:
+        key: 'save_constant' or 'save_opinfo' (both False by default).
+
+    Returns:
+        The object last given to set_onnx_convert_config for the key.
+    """
     return _core._get_export_config(key)
 
 
 def set_onnx_convert_config(key, value):
-    """Sets 'save_constant' (recording is on when it is the object True) or
-    'save_opinfo' (off only when it is the object False)."""
+    """Sets one recording setting.
+
+    Args:
+        key: 'save_constant' (recording is on when it is the object True) or
+            'save_opinfo' (off only when it is the object False).
+        value: any object, kept as given.
+    """
     _core._set_export_config(key, value)
