@@ -27,6 +27,11 @@ constexpr Gradient kNone = {kSavesNothing, nullptr};
 Tensor reduced(G g, D d) { return unbroadcast(d.own_grad(), g); }
 Tensor zeros_of_input(G, D d) { return zeros_shaped_like(d.input(0)); }
 Tensor back_to_input_shape(G g, D d) { return reshape(g, d.input(0).shape()); }
+// Operand Me of maximum/minimum gets g where it alone won, half of it at a tie.
+template <int Me>
+Tensor extremum_share(G g, D d) {
+  return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(Me), d.result(), d.input(1 - Me), g.dtype())), d);
+}
 Tensor times_conj_of(UnaryOp f, G g, const Tensor& x) { return binary(BinaryOp::Mul, g, unary(UnaryOp::Conj, unary(f, x))); }
 
 const Derivatives kDerivatives[] = {
@@ -42,19 +47,8 @@ const Derivatives kDerivatives[] = {
     {"broadcast_to", {{kSavesNothing, reduced}}},
     {"power", {{kBoth, [](G g, D d) { return reduced(power_grad_of_base(g, d.input(0), d.input(1)), d); }},
                {kBoth, [](G g, D d) { return reduced(power_grad_of_exp(g, d.input(0), d.input(1), d.result()), d); }}}},
-    // Ties share the gradient equally.
-    {"maximum", {{kBoth, [](G g, D d) {
-                    return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(0), d.result(), d.input(1), g.dtype())), d);
-                  }},
-                 {kBoth, [](G g, D d) {
-                    return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(1), d.result(), d.input(0), g.dtype())), d);
-                  }}}},
-    {"minimum", {{kBoth, [](G g, D d) {
-                    return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(0), d.result(), d.input(1), g.dtype())), d);
-                  }},
-                 {kBoth, [](G g, D d) {
-                    return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(1), d.result(), d.input(0), g.dtype())), d);
-                  }}}},
+    {"maximum", {{kBoth, extremum_share<0>}, {kBoth, extremum_share<1>}}},
+    {"minimum", {{kBoth, extremum_share<0>}, {kBoth, extremum_share<1>}}},
     {"clip", {{kInputs, [](G g, D d) { return clamp_grad(d.input(0), g, d.bounds[0], d.bounds[1]); }}}},
     {"astype", {{kInputs, [](G g, D d) { return to_dtype(g, d.input(0).dtype(), true); }}}},
 
