@@ -161,6 +161,60 @@ Tensor squeeze(const Tensor& t);
 Tensor squeeze(const Tensor& t, const std::vector<int64_t>& axes);
 Tensor unsqueeze(const Tensor& t, int64_t axis);
 
+// ---- indexing (index) ----
+// Selection by per-axis index texts, one text per axis from axis 0; axes past
+// the last text are taken whole. A text is one of
+//   "3", "-1"          one position (negative counts from the end); the axis is
+//                      dropped. "True" and "False" read as 1 and 0.
+//   "b:e:s", "b:e", ":", "::-1"
+//                      a range with Python's slice rules (empty fields take the
+//                      defaults, bounds clamp); a stop of 2147483646 with a
+//                      negative step runs to the low end.
+//   "0,2,5,", "4,", "" positions, each followed by a comma (the last comma may be
+//                      left out; the empty text is no position); the axis is kept.
+// Positions out of range raise IndexError; more texts than axes, or a text of
+// another form, raise naming the text.
+using IndexTexts = std::vector<std::string>;
+// The selected region, a new tensor on x's device.
+Tensor select(const Tensor& x, const IndexTexts& index);
+// Writes value into the region of x, in place. value broadcasts to the region
+// by numpy's assignment rule (leading axes of length one dropped first); a
+// one-element value fills it. x is unchanged if anything raises.
+void set_select(Tensor& x, const IndexTexts& index, const Tensor& value);
+// g, the gradient of select(x, index), spread over zeros of x's shape (g's dtype and device).
+Tensor select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
+// The region of g (g has x's shape): the gradient of the value of set_select.
+Tensor set_select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
+
+// Gather and scatter by coordinates (advanced indexing). `indices` holds n
+// columns of m coordinates (integer dtype, m * n elements read row-major as
+// (m, n): row j is the coordinate on axis j; on any device, read on the
+// processor). Column c weighted with `strides` gives the start of a run of k
+// elements of a dense row-major source whose leading m axes are `mshape`.
+// Negative coordinates count from the end of their axis; coordinates out of
+// range raise IndexError before anything is written.
+struct GatherSpec {
+  int64_t n = 0, m = 0, k = 0;
+  std::vector<int64_t> mshape, strides;
+};
+// The n runs of x in column order, in a new tensor of shape `oshape`.
+Tensor adv_indexing(const Tensor& x, const GatherSpec& spec, const Tensor& indices, const std::vector<int64_t>& oshape);
+// The runs of g (n * k elements) added at their coordinates into zeros of
+// `input_shape`: repeated coordinates accumulate, in column order, the same
+// on any number of threads.
+Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+                         const std::vector<int64_t>& input_shape);
+// Writes the n * k elements of value (in the order adv_indexing reads them)
+// into x, in place, run by run; for repeated coordinates the last run wins.
+void set_adv_indexing(Tensor& x, const GatherSpec& spec, const Tensor& indices, const Tensor& value);
+// The runs of g (g has the target's shape) gathered into a tensor of `out_shape`.
+Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+                             const std::vector<int64_t>& out_shape);
+// The coordinates of the nonzero elements, numpy's layout stacked: an int64
+// tensor of shape (ndim, count) on x's device, row j the coordinates on axis
+// j, in row-major order of the elements. A 0-d x gives shape (0, count).
+Tensor nonzero(const Tensor& x);
+
 // ---- whole-tensor queries and arg-reductions (reduce) ----
 bool all(const Tensor& t);
 bool any(const Tensor& t);
