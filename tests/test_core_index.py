@@ -113,6 +113,15 @@ def test_set_select_writes_the_region_as_numpy_assigns(texts, vshape, device):
     np.testing.assert_array_equal(host(t), expected.reshape(SHAPE))
 
 
+def test_a_tensor_written_with_its_own_elements_reads_them_before_the_write():
+    a = sample((6, 4), np.float64, 27)
+    t = core(a)
+    t.set_select(["::-1"], t)
+    np.testing.assert_array_equal(host(t), a[::-1])
+    t.set_adv_indexing(6, 1, 4, [6], [4], core(np.arange(5, -1, -1)), t)
+    np.testing.assert_array_equal(host(t), a)
+
+
 @pytest.mark.parametrize("texts,vshape", SETS, ids=[repr(s) for s in SETS])
 def test_select_bp_and_set_select_bp_are_the_gradients(texts, vshape):
     x = core(np.zeros(SHAPE, np.float32))

@@ -122,11 +122,11 @@ using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
 // x_base and v_base. Axes of count one are folded into the bases and
 // neighbours that stay arithmetic on both sides are merged, so the last axis
 // is the longest run the kernel can copy at once.
-struct RegionAxis {
-  int64_t count = 1;
-  int64_t x_step = 0;                    // used when x_offsets is null
-  const int64_t* x_offsets = nullptr;    // count element offsets, host memory
-  int64_t v_step = 0;
+struct RegionAxis {  // set whole where used: a plan leaves the axes past its rank unset
+  int64_t count;
+  int64_t x_step;              // used when x_offsets is null
+  const int64_t* x_offsets;    // count element offsets, host memory
+  int64_t v_step;
 };
 struct RegionPlan {
   int rank = 0;            // at least 1 once planned

@@ -52,9 +52,9 @@ bool parse_int(Field f, int64_t* out) {
 
 // What one text picks on its axis.
 struct Pick {
-  enum Kind : uint8_t { Position, Range, List } kind = Range;
-  int64_t start = 0, step = 1, count = 0;
-  int64_t list_at = 0;  // first of `count` positions in the selection's buffer
+  enum Kind : uint8_t { Position, Range, List } kind;
+  int64_t start, step, count;
+  int64_t list_at;  // first of `count` positions in the selection's buffer
 };
 
 // The parsed index of one call: a pick per axis and the positions of the
@@ -150,9 +150,11 @@ class Selection {
     const char* b = text.data();
     const char* e = b + text.size();
     Pick& k = picks_[axis];
-    if (std::memchr(b, ':', text.size())) return parse_range(axis, text, k);
+    bool colon = false, comma = false;  // texts are short: one pass, no library call
+    for (const char* p = b; p < e; ++p) colon |= *p == ':', comma |= *p == ',';
+    if (colon) return parse_range(axis, text, k);
     Field all = trimmed(b, e);
-    if (all.empty() || std::memchr(b, ',', text.size())) return parse_list(axis, text, k);
+    if (all.empty() || comma) return parse_list(axis, text, k);
     int64_t v = 0;
     size_t n = size_t(all.e - all.p);
     if (n == 4 && std::memcmp(all.p, "True", 4) == 0) v = 1;
@@ -297,6 +299,14 @@ Tensor select_region(const char* op, const Tensor& x, const IndexTexts& index) {
   return out;
 }
 
+// A value that is the target's own storage (x.set_select(["::-1"], x)) is
+// copied first: the write would otherwise read elements it has overwritten.
+const Tensor& unaliased(const char* op, const Tensor& value, const Tensor& x, Tensor& holder) {
+  if (value.storage() != x.storage()) return value;
+  holder = to_device(value, value.device(), op);
+  return holder;
+}
+
 void require_same_device(const char* op, const Tensor& a, const Tensor& b, const char* what) {
   if (a.device() != b.device())
     fail(ErrorKind::Runtime, op, std::string(what) + " is on device " + std::to_string(b.device()) +
@@ -317,7 +327,7 @@ void set_select(Tensor& x, const IndexTexts& index, const Tensor& value) {
   RegionPlan plan = sel.plan(steps);
   if (plan.numel == 0) return;
   Tensor holder;
-  const Tensor& v = as_dtype(value, x.dtype(), holder);
+  const Tensor& v = unaliased(op, as_dtype(value, x.dtype(), holder), x, holder);
   x.make_storage_unique();
   kernel(x, v, plan, false);
 }
@@ -466,7 +476,7 @@ void set_adv_indexing(Tensor& x, const GatherSpec& spec, const Tensor& indices, 
   Tensor starts = run_starts(op, spec, indices);
   if (spec.n == 0 || spec.k == 0) return;
   Tensor holder;
-  const Tensor& v = as_dtype(value, x.dtype(), holder);
+  const Tensor& v = unaliased(op, as_dtype(value, x.dtype(), holder), x, holder);
   x.make_storage_unique();
   kernel(x, v, starts.data<int64_t>(), spec.n, spec.k, false);
 }
