@@ -306,7 +306,7 @@ def test_runs_of_many_elements_across_threads():
 
 
 GOOD = dict(n=3, m=1, k=4, mshape=[5], strides=[4], oshape=[3, 4])  # for a (5, 4) source, 3 coordinates
-SPEC_ERRORS = [
+DESCRIPTION_ERRORS = [
     (dict(m=3), "m = 3 leading axes do not fit shape [5, 4]"),
     (dict(m=0), "m = 0 leading axes do not fit shape [5, 4]"),
     (dict(mshape=[5, 4]), "mshape [5, 4] and strides [4] must have m = 1 entries"),
@@ -319,15 +319,15 @@ SPEC_ERRORS = [
 ]
 
 
-def gather_calls(t, spec, c, value):
-    n, m, k, ms, st, out = (spec[key] for key in ("n", "m", "k", "mshape", "strides", "oshape"))
+def gather_calls(t, desc, c, value):
+    n, m, k, ms, st, out = (desc[key] for key in ("n", "m", "k", "mshape", "strides", "oshape"))
     return [("adv_indexing", lambda: t.adv_indexing(n, m, k, ms, st, c, out)),
             ("set_adv_indexing_grad", lambda: t.set_adv_indexing_grad(n, m, k, ms, st, c, out)),
             ("set_adv_indexing", lambda: t.set_adv_indexing(n, m, k, ms, st, c, value)),
             ("adv_indexing_grad", lambda: value.adv_indexing_grad(n, m, k, ms, st, c, list(t.shape)))]
 
 
-@pytest.mark.parametrize("change,message", SPEC_ERRORS, ids=[str(e[0]) for e in SPEC_ERRORS])
+@pytest.mark.parametrize("change,message", DESCRIPTION_ERRORS, ids=[str(e[0]) for e in DESCRIPTION_ERRORS])
 def test_a_description_that_does_not_fit_is_refused_before_anything_is_read(change, message):
     a = sample((5, 4), np.float64, 21)
     t = core(a)
