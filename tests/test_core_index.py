@@ -315,7 +315,7 @@ DESCRIPTION_ERRORS = [
     (dict(k=5), "k = 5 is not the size 4 of the axes after the first 1 of shape [5, 4]"),
     (dict(n=4), "n = 4 columns of m = 1 coordinates do not match the 3 elements of the indices"),
     (dict(n=-1), "n = -1 columns"),
-    (dict(oshape=[3, 5]), "the result's shape [3, 5] has 15 elements, not n * k = 3 * 4"),
+    (dict(oshape=[3, 5]), "the result of shape [3, 5] has 15 elements, not n * k = 3 * 4"),
 ]
 
 

@@ -13,9 +13,9 @@ using namespace tramel;
 
 namespace {
 
-GatherSpec gather_runs_of(const char* op, const py::Axis& n, const py::Axis& m, const py::Axis& k,
+GatherLayout gather_runs_of(const char* op, const py::Axis& n, const py::Axis& m, const py::Axis& k,
                           const py::IntList& mshape, const py::IntList& strides) {
-  GatherSpec s;
+  GatherLayout s;
   s.n = n.get(op, "n");
   s.m = m.get(op, "m");
   s.k = k.get(op, "k");

@@ -146,7 +146,7 @@ using SelectWriteKernel = void (*)(Tensor& x, const Tensor& value, const RegionP
 // (m, n) row-major) into starts[n] (host memory): the element offset of each
 // column's run, with negative coordinates wrapped. Returns -1, or the flat
 // position of the first coordinate out of range, whose value goes to *bad.
-using ResolveKernel = int64_t (*)(const Tensor& indices, const GatherSpec& runs, int64_t* starts, int64_t* bad);
+using ResolveKernel = int64_t (*)(const Tensor& indices, const GatherLayout& runs, int64_t* starts, int64_t* bad);
 // out[c * k + i] = src[starts[c] + i] for the n runs; starts is host memory.
 using GatherKernel = void (*)(const Tensor& src, Tensor& out, const int64_t* starts, int64_t n, int64_t k);
 // dst[starts[c] + i] = src[c * k + i] (or += when `accumulate`), in column

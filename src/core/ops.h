@@ -180,7 +180,8 @@ Tensor select(const Tensor& x, const IndexTexts& index);
 // Writes value into the region of x, in place. value broadcasts to the region
 // by numpy's assignment rule (leading axes of length one dropped first); a
 // one-element value fills it. value is converted to x's dtype (numpy's rule
-// for assignment) and must be on x's device. A position named twice takes the
+// for assignment) and copied to x's device when it is on the processor (a
+// number assigned to an accelerator tensor). A position named twice takes the
 // last of its values. x is unchanged if anything raises.
 void set_select(Tensor& x, const IndexTexts& index, const Tensor& value);
 // g, the gradient of select(x, index), spread over zeros of x's shape (g's
@@ -201,24 +202,25 @@ Tensor set_select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
 // its leading m axes, strides their row-major element strides, k the product
 // of the remaining axes; indices (any integer dtype, TypeError for others)
 // hold m * n elements.
-struct GatherSpec {
+struct GatherLayout {
   int64_t n = 0, m = 0, k = 0;
   std::vector<int64_t> mshape, strides;
 };
 // The n runs of x in column order, in a new tensor of shape `oshape`.
-Tensor adv_indexing(const Tensor& x, const GatherSpec& spec, const Tensor& indices, const std::vector<int64_t>& oshape);
+Tensor adv_indexing(const Tensor& x, const GatherLayout& layout, const Tensor& indices, const std::vector<int64_t>& oshape);
 // The runs of g (n * k elements) added at their coordinates into zeros of
 // `input_shape`: repeated coordinates accumulate, in column order, the same
 // on any number of threads.
-Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+Tensor adv_indexing_grad(const Tensor& g, const GatherLayout& layout, const Tensor& indices,
                          const std::vector<int64_t>& input_shape);
 // Writes the n * k elements of value (in the order adv_indexing reads them)
 // into x, in place, run by run; for repeated coordinates the last run wins.
 // A one-element value fills every run; value is converted to x's dtype and
-// must be on x's device; any other broadcast is the caller's.
-void set_adv_indexing(Tensor& x, const GatherSpec& spec, const Tensor& indices, const Tensor& value);
+// copied to x's device from the processor, as set_select does; any other
+// broadcast is the caller's.
+void set_adv_indexing(Tensor& x, const GatherLayout& layout, const Tensor& indices, const Tensor& value);
 // The runs of g (g has the target's shape) gathered into a tensor of `out_shape`.
-Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+Tensor set_adv_indexing_grad(const Tensor& g, const GatherLayout& layout, const Tensor& indices,
                              const std::vector<int64_t>& out_shape);
 // The coordinates of the nonzero elements, numpy's layout stacked: an int64
 // tensor of shape (ndim, count) on x's device, row j the coordinates on axis

@@ -162,7 +162,7 @@ void select_write(Tensor& x, const Tensor& value, const RegionPlan& plan, bool a
 
 // ---- coordinates ----
 
-int64_t index_resolve(const Tensor& indices, const GatherSpec& s, int64_t* starts, int64_t* bad) {
+int64_t index_resolve(const Tensor& indices, const GatherLayout& s, int64_t* starts, int64_t* bad) {
   int64_t n = s.n;
   std::atomic<int64_t> first{INT64_MAX};
   int64_t found = -1;
@@ -327,9 +327,10 @@ int64_t nonzero_count(const Tensor& t) {
 }
 
 // Writes the coordinates of the nonzero elements among flat positions
-// [fb, fe), the first of them being number `w` of all.
+// [fb, fe), which are numbers [w, w_end) of all `count`.
 template <typename T>
-void write_coordinates(const T* x, const Shape& shape, int64_t fb, int64_t fe, int64_t w, int64_t* out, int64_t count) {
+void write_coordinates(const T* x, const Shape& shape, int64_t fb, int64_t fe, int64_t w, int64_t w_end, int64_t* out,
+                       int64_t count) {
   int nd = shape.rank();
   int64_t inner = shape[nd - 1];
   int64_t coord[kMaxRank] = {};
@@ -339,11 +340,16 @@ void write_coordinates(const T* x, const Shape& shape, int64_t fb, int64_t fe, i
   for (int64_t pos = fb; pos < fe;) {
     int64_t len = std::min(inner - t, fe - pos);
     const T* row = x + pos - t;
+    // Branch-free: every element writes its position, and only a nonzero one
+    // advances w (a random mask would mispredict half of the branches); past
+    // this block's last slot it writes to scratch, not into the next block's.
+    int64_t row_first = w, scratch;
     for (int64_t i = t; i < t + len; ++i) {
-      if (!is_set(row[i])) continue;
-      for (int j = 0; j < nd - 1; ++j) out[j * count + w] = coord[j];
-      last[w++] = i;
+      int64_t* slot = w < w_end ? last + w : &scratch;
+      *slot = i;
+      w += is_set(row[i]);
     }
+    for (int j = 0; j < nd - 1; ++j) std::fill(out + j * count + row_first, out + j * count + w, coord[j]);
     pos += len;
     t = 0;
     for (int j = nd - 2; j >= 0; --j) {
@@ -360,7 +366,7 @@ void nonzero(const Tensor& t, Tensor& out) {
     using T = typename decltype(tag)::type;
     const T* x = t.data<T>();
     int64_t* o = out.data<int64_t>();
-    if (numel <= kParallelGrain || get_num_threads() == 1) return write_coordinates(x, shape, 0, numel, 0, o, count);
+    if (numel <= kParallelGrain || get_num_threads() == 1) return write_coordinates(x, shape, 0, numel, 0, count, o, count);
     // Blocks of elements: count each, then each writes from its offset.
     constexpr int64_t blocks = 64;
     int64_t first[blocks + 1] = {};
@@ -370,7 +376,7 @@ void nonzero(const Tensor& t, Tensor& out) {
     });
     for (int64_t blk = 0; blk < blocks; ++blk) first[blk + 1] += first[blk];
     parallel_for(blocks, 1, [&](int64_t b, int64_t e) {
-      for (int64_t blk = b; blk < e; ++blk) write_coordinates(x, shape, edge(blk), edge(blk + 1), first[blk], o, count);
+      for (int64_t blk = b; blk < e; ++blk) write_coordinates(x, shape, edge(blk), edge(blk + 1), first[blk], first[blk + 1], o, count);
     });
   });
 }

@@ -307,21 +307,27 @@ const Tensor& unaliased(const char* op, const Tensor& value, const Tensor& x, Te
   return holder;
 }
 
-void require_same_device(const char* op, const Tensor& a, const Tensor& b, const char* what) {
-  if (a.device() != b.device())
-    fail(ErrorKind::Runtime, op, std::string(what) + " is on device " + std::to_string(b.device()) +
-                                     ", the tensor on device " + std::to_string(a.device()));
+// The value of a set on the target's device: a processor value (a number
+// assigned to an accelerator tensor) is copied there; any other device is refused.
+const Tensor& on_device_of(const char* op, const Tensor& x, const Tensor& value, Tensor& holder) {
+  if (value.device() == x.device()) return value;
+  if (value.device() != kCpuDevice)
+    fail(ErrorKind::Runtime, op, "value is on device " + std::to_string(value.device()) + ", the tensor on device " +
+                                     std::to_string(x.device()));
+  holder = to_device(value, x.device(), op);
+  return holder;
 }
 
 }  // namespace
 
 Tensor select(const Tensor& x, const IndexTexts& index) { return select_region("select", x, index); }
 
-void set_select(Tensor& x, const IndexTexts& index, const Tensor& value) {
+void set_select(Tensor& x, const IndexTexts& index, const Tensor& value_given) {
   const char* op = "set_select";
   Selection sel(op, x.shape(), index);
   SelectWriteKernel kernel = need(kernels_of(x).select_write, x, op);
-  require_same_device(op, x, value, "value");
+  Tensor moved;
+  const Tensor& value = on_device_of(op, x, value_given, moved);
   int64_t steps[kMaxRank];
   broadcast_steps(op, value.shape(), sel.region(), steps);
   RegionPlan plan = sel.plan(steps);
@@ -368,7 +374,7 @@ std::string list_str(const std::vector<int64_t>& v) {
 
 // The description must be that of `target`, the tensor whose runs are read or
 // written, and of `indices`; else a kernel would leave the buffers.
-void check_runs_description(const char* op, const Shape& target, const GatherSpec& s, const Tensor& indices) {
+void check_runs_description(const char* op, const Shape& target, const GatherLayout& s, const Tensor& indices) {
   if (!is_integral(indices.dtype()))
     fail(ErrorKind::Type, op, std::string("indices must have an integer dtype, got ") + dtype_name(indices.dtype()));
   if (s.m < 1 || s.m > target.rank())
@@ -398,16 +404,17 @@ void check_runs_description(const char* op, const Shape& target, const GatherSpe
 }
 
 // n * k, the elements of the runs, checked against a shape's size.
-void check_runs(const char* op, const GatherSpec& s, int64_t numel, const std::string& what) {
-  int64_t total = 0;
+// `what` names the tensor of `shape` in the message (formatted only on failure).
+void check_runs(const char* op, const GatherLayout& s, const Shape& shape, const char* what) {
+  int64_t total = 0, numel = shape.numel();
   if (__builtin_mul_overflow(s.n, s.k, &total) || total != numel)
-    fail(ErrorKind::Value, op, what + " has " + std::to_string(numel) + " elements, not n * k = " +
+    fail(ErrorKind::Value, op, std::string(what) + " of shape " + shape.str() + " has " + std::to_string(numel) + " elements, not n * k = " +
                                    std::to_string(s.n) + " * " + std::to_string(s.k));
 }
 
 // The element offset of each column's run, in a processor tensor, or the
 // IndexError for the first coordinate out of range.
-Tensor run_starts(const char* op, const GatherSpec& s, const Tensor& indices) {
+Tensor run_starts(const char* op, const GatherLayout& s, const Tensor& indices) {
   Tensor starts = Tensor::empty(Shape(&s.n, 1, op), DType::Int64, kCpuDevice, op);
   if (s.n == 0) return starts;
   Tensor on_host = indices.device() == kCpuDevice ? indices : to_device(indices, kCpuDevice, op);
@@ -429,11 +436,11 @@ Shape shape_of(const std::vector<int64_t>& dims, const char* op) {
   return Shape(dims.data(), int(dims.size()), op);
 }
 
-Tensor gather(const char* op, const Tensor& src, const GatherSpec& runs, const Tensor& indices,
+Tensor gather(const char* op, const Tensor& src, const GatherLayout& runs, const Tensor& indices,
               const std::vector<int64_t>& oshape) {
   check_runs_description(op, src.shape(), runs, indices);
   Shape shape = shape_of(oshape, op);
-  check_runs(op, runs, shape.numel(), "the result's shape " + shape.str());
+  check_runs(op, runs, shape, "the result");
   GatherKernel kernel = need(kernels_of(src).gather, src, op);
   Tensor starts = run_starts(op, runs, indices);
   Tensor out = Tensor::empty(shape, src.dtype(), src.device(), op);
@@ -443,21 +450,21 @@ Tensor gather(const char* op, const Tensor& src, const GatherSpec& runs, const T
 
 }  // namespace
 
-Tensor adv_indexing(const Tensor& x, const GatherSpec& runs, const Tensor& indices, const std::vector<int64_t>& oshape) {
+Tensor adv_indexing(const Tensor& x, const GatherLayout& runs, const Tensor& indices, const std::vector<int64_t>& oshape) {
   return gather("adv_indexing", x, runs, indices, oshape);
 }
 
-Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& runs, const Tensor& indices,
+Tensor set_adv_indexing_grad(const Tensor& g, const GatherLayout& runs, const Tensor& indices,
                              const std::vector<int64_t>& out_shape) {
   return gather("set_adv_indexing_grad", g, runs, indices, out_shape);
 }
 
-Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& runs, const Tensor& indices,
+Tensor adv_indexing_grad(const Tensor& g, const GatherLayout& runs, const Tensor& indices,
                          const std::vector<int64_t>& input_shape) {
   const char* op = "adv_indexing_grad";
   Shape shape = shape_of(input_shape, op);
   check_runs_description(op, shape, runs, indices);
-  check_runs(op, runs, g.numel(), "the gradient of shape " + g.shape().str());
+  check_runs(op, runs, g.shape(), "the gradient");
   ScatterKernel kernel = need(kernels_of(g).scatter, g, op);
   ZeroKernel zero = need(kernels_of(g).zero, g, op);
   Tensor starts = run_starts(op, runs, indices);
@@ -467,11 +474,12 @@ Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& runs, const Tensor& 
   return out;
 }
 
-void set_adv_indexing(Tensor& x, const GatherSpec& runs, const Tensor& indices, const Tensor& value) {
+void set_adv_indexing(Tensor& x, const GatherLayout& runs, const Tensor& indices, const Tensor& value_given) {
   const char* op = "set_adv_indexing";
   check_runs_description(op, x.shape(), runs, indices);
-  require_same_device(op, x, value, "value");
-  if (value.numel() != 1) check_runs(op, runs, value.numel(), "the value of shape " + value.shape().str());
+  Tensor moved;
+  const Tensor& value = on_device_of(op, x, value_given, moved);
+  if (value.numel() != 1) check_runs(op, runs, value.shape(), "the value");
   ScatterKernel kernel = need(kernels_of(x).scatter, x, op);
   Tensor starts = run_starts(op, runs, indices);
   if (runs.n == 0 || runs.k == 0) return;

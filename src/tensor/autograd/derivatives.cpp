@@ -119,11 +119,11 @@ const Derivatives kDerivatives[] = {
                      }}}},
     {"__getitem__", {{kSavesNothing, [](G g, D d) {
                         const GatherState& s = d.state_as<GatherState>();
-                        return adv_indexing_grad(g, s.spec, s.indices, dims_of(d.input(0).shape()));
+                        return adv_indexing_grad(g, s.layout, s.indices, dims_of(d.input(0).shape()));
                       }}}},
     {"__setitem__", {{kSavesNothing, [](G g, D d) {
                         const GatherState& s = d.state_as<GatherState>();
-                        return set_adv_indexing_grad(g, s.spec, s.indices, dims_of(d.input(0).shape()));
+                        return set_adv_indexing_grad(g, s.layout, s.indices, dims_of(d.input(0).shape()));
                       }}}},
 };
 

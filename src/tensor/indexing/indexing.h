@@ -67,14 +67,14 @@ struct AdvancedPlan {
 AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape);
 // The gather description of a plan on a tensor of `data_shape`.
 struct Gather {
-  GatherSpec spec;
+  GatherLayout layout;
   Tensor indices;                       // (m, block and slice axes...), int64, device 0
   std::vector<int64_t> index_shape;     // ishape
   std::vector<int64_t> oshape;
 };
 Gather gather_of(const AdvancedPlan& plan, const Shape& data_shape);
 // _get_indices_for_adv_indexing.
-void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape, int64_t m, GatherSpec& spec,
+void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape, int64_t m, GatherLayout& layout,
                         std::vector<int64_t>& oshape);
 
 // Python faces of keys and plans.
@@ -117,7 +117,7 @@ struct SelectState : SavedState {
   IndexTexts texts;
 };
 struct GatherState : SavedState {
-  GatherSpec spec;
+  GatherLayout layout;
   Tensor indices;
 };
 

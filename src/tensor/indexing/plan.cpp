@@ -463,18 +463,18 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
   return plan;
 }
 
-void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape, int64_t m, GatherSpec& spec,
+void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape, int64_t m, GatherLayout& layout,
                         std::vector<int64_t>& oshape) {
   int64_t k = 1;
   for (int i = int(m); i < dshape.rank(); ++i) k *= dshape[i];
-  spec.m = m;
-  spec.k = k;
-  spec.strides.assign(size_t(m), 0);
-  spec.mshape.assign(size_t(m), 0);
+  layout.m = m;
+  layout.k = k;
+  layout.strides.assign(size_t(m), 0);
+  layout.mshape.assign(size_t(m), 0);
   int64_t stride = k;
   for (int64_t i = m - 1; i >= 0; --i) {
-    spec.strides[size_t(i)] = stride;
-    spec.mshape[size_t(i)] = dshape[int(i)];
+    layout.strides[size_t(i)] = stride;
+    layout.mshape[size_t(i)] = dshape[int(i)];
     stride *= dshape[int(i)];
   }
   // The result has room for 15 axes; numpy's words for the slot past them.
@@ -492,9 +492,9 @@ Gather gather_of(const AdvancedPlan& plan, const Shape& data_shape) {
   const std::vector<int64_t>& bshape = plan.arrays.front().shape;
   g.index_shape.push_back(m);
   g.index_shape.insert(g.index_shape.end(), bshape.begin(), bshape.end());
-  fill_gather_fields(g.index_shape, data_shape, m, g.spec, g.oshape);
+  fill_gather_fields(g.index_shape, data_shape, m, g.layout, g.oshape);
   int64_t n = plan.arrays.front().size();
-  g.spec.n = n;
+  g.layout.n = n;
   Shape ishape(g.index_shape.data(), int(g.index_shape.size()), "indexing");
   const IndexArray& first = plan.arrays.front();
   if (m == 1 && first.contiguous() && first.data.numel() == n) {
@@ -655,10 +655,10 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
      py::doc("The broadcast of the shapes of some arrays, starting from ().", {"seq: numpy arrays."}, "A tuple.")
          .c_str());
   m.def("_get_indices_for_adv_indexing", [](nb::handle ishape, nb::handle dshape, int64_t m_axes) {
-    GatherSpec spec;
+    GatherLayout layout;
     std::vector<int64_t> oshape;
-    fill_gather_fields(ints_of(ishape), shape_from(dshape), m_axes, spec, oshape);
-    return nb::make_tuple(int_list(oshape), int_list(spec.mshape), int_list(spec.strides), spec.k);
+    fill_gather_fields(ints_of(ishape), shape_from(dshape), m_axes, layout, oshape);
+    return nb::make_tuple(int_list(oshape), int_list(layout.mshape), int_list(layout.strides), layout.k);
   }, nb::arg("ishape"), nb::arg("dshape"), nb::arg("m"),
      py::doc("The numeric fields of a gather from the shape of its stacked index array.",
              {"ishape: the shape of the index array, (m, ...).", "dshape: the shape of the indexed tensor.",

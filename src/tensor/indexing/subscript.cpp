@@ -18,7 +18,7 @@ std::vector<int64_t> dims_of(const Shape& s) { return std::vector<int64_t>(s.beg
 
 std::shared_ptr<GatherState> gather_state(const Gather& g) {
   auto state = std::make_shared<GatherState>();
-  state->spec = g.spec;
+  state->layout = g.layout;
   state->indices = g.indices;
   return state;
 }
@@ -29,7 +29,7 @@ Gather plan_gather(const Key& key, const Shape& shape) { return gather_of(plan_a
 nb::object advanced_get(nb::handle self, const Gather& g) {
   static const Derivatives& derivatives = derivatives_of("__getitem__");
   QTensor& q = as_qtensor(self, "__getitem__");
-  Tensor result = adv_indexing(core_of(q, "__getitem__"), g.spec, g.indices, g.oshape);
+  Tensor result = adv_indexing(core_of(q, "__getitem__"), g.layout, g.indices, g.oshape);
   return make_result(std::move(result), {self}, derivatives,
                      [&](int, Edge& e) {
                        e.label = LazyLabel("__getitem__ grad ");  // (sic) the trailing blank
@@ -137,7 +137,7 @@ void advanced_set(nb::handle self, const Key& key, nb::handle value, nb::handle 
   Gather g = gather_of(plan, shape);
   nb::object value_nd = prepare_value(self, value, g.oshape, plan.new_axes);
   QTensor& v = as_qtensor(value_nd, "__setitem__");
-  set_adv_indexing(core_of(target, "__setitem__"), g.spec, g.indices, core_of(v, "__setitem__"));
+  set_adv_indexing(core_of(target, "__setitem__"), g.layout, g.indices, core_of(v, "__setitem__"));
   if (truthy(v.requires_grad)) {
     Edge e;
     e.tensor = value_nd;
@@ -279,13 +279,13 @@ void init_subscript(nb::module_& m, nb::class_<QTensor>& cls) {
   m.def("_getitem_advance_grad", [](const Tensor& grad, const Tensor& c_indice, const py::IntList& mshape,
                                     const py::IntList& strides, const py::IntList& inputshape, int64_t n, int64_t m_,
                                     int64_t k) {
-    GatherSpec spec;
-    spec.n = n;
-    spec.m = m_;
-    spec.k = k;
-    spec.mshape = mshape.get("_getitem_advance_grad", "mshape");
-    spec.strides = strides.get("_getitem_advance_grad", "strides");
-    return adv_indexing_grad(grad, spec, c_indice, inputshape.get("_getitem_advance_grad", "inputshape"));
+    GatherLayout layout;
+    layout.n = n;
+    layout.m = m_;
+    layout.k = k;
+    layout.mshape = mshape.get("_getitem_advance_grad", "mshape");
+    layout.strides = strides.get("_getitem_advance_grad", "strides");
+    return adv_indexing_grad(grad, layout, c_indice, inputshape.get("_getitem_advance_grad", "inputshape"));
   }, nb::arg("grad"), nb::arg("c_indice"), nb::arg("mshape"), nb::arg("strides"), nb::arg("inputshape"), nb::arg("n"),
      nb::arg("m"), nb::arg("k"),
      py::doc("The gradient of an advanced get: grad's runs added at their coordinates into zeros.",

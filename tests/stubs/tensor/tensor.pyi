@@ -137,6 +137,15 @@ class QTensor:
     def __rtruediv__(self, value, /):
         """Return value/self."""
 
+    def __getitem__(self, key, /):
+        """Return self[key]."""
+
+    def __setitem__(self, key, value, /):
+        """Set self[key] to value."""
+
+    def __delitem__(self, key, /):
+        """Delete self[key]."""
+
     class GraphNode:
         """
         Helper class which models a node in the computational graph.
@@ -1370,6 +1379,18 @@ def max(t: QTensor | None, axis: int | None = None, keepdims: object | None = Fa
         A new QTensor; differentiable: over all elements tied extremes share the gradient equally, along an axis each receives all of it.
     """
 
+def get_bdshape_for_slice(key: object, data_shape: object) -> tuple:
+    """
+    Plans an advanced key: one integer array per indexed axis, all of one broadcast shape.
+
+    Args:
+        key: an expanded key (a tuple of entries, None entries included).
+        data_shape: the shape of the indexed tensor.
+
+    Returns:
+        (bcast_idcs_short, new_axes_positions): the arrays in axis order, trailing whole axes left out, and where the None entries stand in the axes of a value for assignment.
+    """
+
 def power(t1: QTensor | None, t2: QTensor | None) -> QTensor:
     """
     Element-wise power t1 ** t2, the operands broadcast to one shape.
@@ -1442,6 +1463,28 @@ def permute(t: QTensor | None, dim: int | Sequence[int] | None) -> QTensor:
 
     Returns:
         A new QTensor; differentiable.
+    """
+
+def select(t: QTensor | None, index: object | None) -> QTensor:
+    """
+    A region of a tensor, chosen per axis.
+
+    Args:
+        t: a QTensor.
+        index: one entry per axis from axis 0 (fewer than the rank: the rest whole): an int (one position, the axis dropped), a text as the engine reads it ("-12:14:2", ":", "3", "0,2,"), or a QTensor of positions (the axis kept); entries of other types are skipped.
+
+    Returns:
+        A new QTensor; differentiable (the gradient is zero outside the region).
+    """
+
+def set_select(t: QTensor | None, index: object | None, set_tensor: QTensor | None) -> None:
+    """
+    Writes a tensor into a region of another, in place.
+
+    Args:
+        t: the QTensor written; it keeps its edges and gains one to set_tensor.
+        index: one entry per axis from axis 0 (fewer than the rank: the rest whole): an int (one position, the axis dropped), a text as the engine reads it ("-12:14:2", ":", "3", "0,2,"), or a QTensor of positions (the axis kept); entries of other types are skipped.
+        set_tensor: a QTensor of t's dtype that broadcasts to the region (one element fills it).
     """
 
 def squeeze(t: QTensor | None, axis: int | Sequence[int] | None = None) -> QTensor:
