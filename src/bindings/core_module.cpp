@@ -14,6 +14,7 @@ void init_tramel_functions(nb::module_& m);
 void init_elementwise(nb::module_& m);
 void init_shape(nb::module_& m);
 void init_reduce(nb::module_& m);
+void init_index(nb::module_& m);
 void init_testing(nb::module_& m);
 
 namespace {
@@ -94,5 +95,6 @@ NB_MODULE(_core, m) {
   init_elementwise(m);
   init_shape(m);
   init_reduce(m);
+  init_index(m);
   init_testing(m);
 }

@@ -107,6 +107,57 @@ using ArgAxesKernel = void (*)(const Tensor& t, Tensor& out, const bool* reduced
 using TransposeKernel = void (*)(const Tensor& in, Tensor& out, const int* perm);
 using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
 
+// ---- indexing ----
+// Note [index plans]
+// The fronts of the indexing family parse and check their indices on the host
+// and hand the kernels plans that live in host memory (a RegionPlan, a list of
+// run starts): a kernel receives device buffers for its tensors and host
+// pointers for the plan, which a device backend uploads or reads as it needs.
+//
+// A RegionPlan describes a region of x (the elements a selection names) as a
+// walk over up to kMaxRank axes, outermost first, in the region's row-major
+// order. Each axis has a count and, on x's side, either a step or a list of
+// element offsets; on the other side (a dense result, or a value broadcast to
+// the region) a step, 0 along broadcast axes. Offsets are in elements, from
+// x_base and v_base. Axes of count one are folded into the bases and
+// neighbours that stay arithmetic on both sides are merged, so the last axis
+// is the longest run the kernel can copy at once.
+struct RegionAxis {
+  int64_t count = 1;
+  int64_t x_step = 0;                    // used when x_offsets is null
+  const int64_t* x_offsets = nullptr;    // count element offsets, host memory
+  int64_t v_step = 0;
+};
+struct RegionPlan {
+  int rank = 0;            // at least 1 once planned
+  int64_t numel = 0;       // elements of the region
+  int64_t x_base = 0, v_base = 0;
+  RegionAxis axes[kMaxRank];
+  // Some position list names an element twice: writes run in region order
+  // on one thread (the last write wins, sums are formed in order).
+  bool repeats = false;
+};
+// out (dense, the region's shape) = the region of x.
+using SelectKernel = void (*)(const Tensor& x, Tensor& out, const RegionPlan& plan);
+// The region of x = value (or += value when `accumulate`), value read at the
+// plan's v offsets.
+using SelectWriteKernel = void (*)(Tensor& x, const Tensor& value, const RegionPlan& plan, bool accumulate);
+// Reads the coordinates of `indices` (a processor tensor of an integer dtype,
+// (m, n) row-major) into starts[n] (host memory): the element offset of each
+// column's run, with negative coordinates wrapped. Returns -1, or the flat
+// position of the first coordinate out of range, whose value goes to *bad.
+using ResolveKernel = int64_t (*)(const Tensor& indices, const GatherSpec& spec, int64_t* starts, int64_t* bad);
+// out[c * k + i] = src[starts[c] + i] for the n runs; starts is host memory.
+using GatherKernel = void (*)(const Tensor& src, Tensor& out, const int64_t* starts, int64_t n, int64_t k);
+// dst[starts[c] + i] = src[c * k + i] (or += when `accumulate`), in column
+// order for repeated starts whatever the number of threads; a one-element
+// src fills every run. starts is host memory.
+using ScatterKernel = void (*)(Tensor& dst, const Tensor& src, const int64_t* starts, int64_t n, int64_t k,
+                               bool accumulate);
+using CountKernel = int64_t (*)(const Tensor& t);
+// out (ndim, count): the coordinates of t's nonzero elements.
+using NonzeroKernel = void (*)(const Tensor& t, Tensor& out);
+
 // The slots of a kernel table: TRAMEL_KERNEL_SLOTS(ONE, MANY) expands
 // ONE(name, type) for a single kernel and MANY(name, type, count, info) for
 // one kernel per operation of an op enum, `info` being the op's row table.
@@ -154,7 +205,14 @@ using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
   ONE(argmin_axes, ArgAxesKernel)                                        \
   ONE(broadcast, MapKernel)                                              \
   ONE(transpose, TransposeKernel)                                        \
-  ONE(flip, FlipKernel)
+  ONE(flip, FlipKernel)                                                  \
+  ONE(select, SelectKernel)                                              \
+  ONE(select_write, SelectWriteKernel)                                   \
+  ONE(index_resolve, ResolveKernel)                                      \
+  ONE(gather, GatherKernel)                                              \
+  ONE(scatter, ScatterKernel)                                            \
+  ONE(nonzero_count, CountKernel)                                        \
+  ONE(nonzero, NonzeroKernel)
 
 // A backend's kernels; an empty slot is a kernel the backend does not have.
 struct Kernels {

@@ -179,9 +179,13 @@ using IndexTexts = std::vector<std::string>;
 Tensor select(const Tensor& x, const IndexTexts& index);
 // Writes value into the region of x, in place. value broadcasts to the region
 // by numpy's assignment rule (leading axes of length one dropped first); a
-// one-element value fills it. x is unchanged if anything raises.
+// one-element value fills it. value is converted to x's dtype (numpy's rule
+// for assignment) and must be on x's device. A position named twice takes the
+// last of its values. x is unchanged if anything raises.
 void set_select(Tensor& x, const IndexTexts& index, const Tensor& value);
-// g, the gradient of select(x, index), spread over zeros of x's shape (g's dtype and device).
+// g, the gradient of select(x, index), spread over zeros of x's shape (g's
+// dtype and device); g broadcasts to the region as a value does, and a
+// position named twice gets the sum of its gradients.
 Tensor select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
 // The region of g (g has x's shape): the gradient of the value of set_select.
 Tensor set_select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
@@ -192,7 +196,11 @@ Tensor set_select_bp(const Tensor& x, const IndexTexts& index, const Tensor& g);
 // processor). Column c weighted with `strides` gives the start of a run of k
 // elements of a dense row-major source whose leading m axes are `mshape`.
 // Negative coordinates count from the end of their axis; coordinates out of
-// range raise IndexError before anything is written.
+// range raise IndexError before anything is written. The description must
+// agree with the tensor it reads or writes (ValueError otherwise): mshape is
+// its leading m axes, strides their row-major element strides, k the product
+// of the remaining axes; indices (any integer dtype, TypeError for others)
+// hold m * n elements.
 struct GatherSpec {
   int64_t n = 0, m = 0, k = 0;
   std::vector<int64_t> mshape, strides;
@@ -206,6 +214,8 @@ Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& 
                          const std::vector<int64_t>& input_shape);
 // Writes the n * k elements of value (in the order adv_indexing reads them)
 // into x, in place, run by run; for repeated coordinates the last run wins.
+// A one-element value fills every run; value is converted to x's dtype and
+// must be on x's device; any other broadcast is the caller's.
 void set_adv_indexing(Tensor& x, const GatherSpec& spec, const Tensor& indices, const Tensor& value);
 // The runs of g (g has the target's shape) gathered into a tensor of `out_shape`.
 Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,

@@ -219,4 +219,23 @@ double Real::get(const char* op, const char* what) const {
   return v;
 }
 
+std::vector<std::string> Texts::get(const char* op, const char* what) const {
+  PyObject* o = ptr();
+  if (!PyList_Check(o) && !PyTuple_Check(o))
+    fail(ErrorKind::Type, op, std::string(what) + " must be a list of str, got " + type_of(o));
+  Py_ssize_t n = PySequence_Fast_GET_SIZE(o);
+  PyObject** items = PySequence_Fast_ITEMS(o);
+  std::vector<std::string> out(static_cast<size_t>(n));
+  for (Py_ssize_t i = 0; i < n; ++i) {
+    if (!PyUnicode_Check(items[i]))
+      fail(ErrorKind::Type, op, std::string(what) + " must hold only str, got " + type_of(items[i]) + " at position " +
+                                    std::to_string(i));
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(items[i], &size);
+    if (!text) throw nb::python_error();
+    out[size_t(i)].assign(text, size_t(size));
+  }
+  return out;
+}
+
 }  // namespace tramel::py

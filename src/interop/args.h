@@ -26,6 +26,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "core/dtype.h"
@@ -119,6 +120,13 @@ struct Real : nb::handle {
   double get(const char* op, const char* what) const;
 };
 
+// Texts: a list or tuple of str (index texts, names), read as they are.
+struct Texts : nb::handle {
+  Texts() = default;
+  Texts(nb::handle h) : nb::handle(h) {}
+  std::vector<std::string> get(const char* op, const char* what) const;
+};
+
 }  // namespace tramel::py
 
 namespace nanobind::detail {
@@ -146,5 +154,6 @@ TRAMEL_ARGUMENT_CASTER(tramel::py::DTypeArg, const_name("int"))
 TRAMEL_ARGUMENT_CASTER(tramel::py::DeviceArg, const_name("int"))
 TRAMEL_ARGUMENT_CASTER(tramel::py::HostScalar, const_name("bool | int | float | complex"))
 TRAMEL_ARGUMENT_CASTER(tramel::py::Real, const_name("float"))
+TRAMEL_ARGUMENT_CASTER(tramel::py::Texts, const_name("list[str]"))
 
 }  // namespace nanobind::detail

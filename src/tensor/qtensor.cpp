@@ -105,6 +105,20 @@ PyObject* slot_neg(PyObject* a) { return guarded([&] { return g_operators.neg(a)
 PyObject* slot_richcompare(PyObject* self, PyObject* other, int op) {
   return guarded([&] { return g_operators.compare(self, other, op); });
 }
+PyObject* slot_getitem(PyObject* self, PyObject* key) { return guarded([&] { return g_operators.getitem(self, key); }); }
+int slot_setitem(PyObject* self, PyObject* key, PyObject* value) {
+  if (!value) {
+    PyErr_SetString(PyExc_TypeError, "'QTensor' object does not support item deletion");
+    return -1;
+  }
+  try {
+    g_operators.setitem(self, key, value);
+    return 0;
+  } catch (...) {
+    py::set_python_error_from_current_exception();
+    return -1;
+  }
+}
 // The identity, so tensors are dictionary keys while == is element-wise.
 Py_hash_t slot_hash(PyObject* self) { return Py_hash_t(uintptr_t(self)); }
 
@@ -114,6 +128,7 @@ PyType_Slot qtensor_slots[] = {
     {Py_nb_multiply, (void*)slot_mul},         {Py_nb_true_divide, (void*)slot_div},
     {Py_nb_power, (void*)slot_pow},            {Py_nb_negative, (void*)slot_neg},
     {Py_tp_richcompare, (void*)slot_richcompare}, {Py_tp_hash, (void*)slot_hash},
+    {Py_mp_subscript, (void*)slot_getitem},    {Py_mp_ass_subscript, (void*)slot_setitem},
     {0, nullptr}};
 PyType_Slot graphnode_slots[] = {{Py_tp_traverse, (void*)graphnode_traverse}, {Py_tp_clear, (void*)graphnode_clear}, {0, nullptr}};
 

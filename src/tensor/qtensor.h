@@ -120,6 +120,8 @@ struct OperatorHooks {
   nb::object (*pow)(nb::handle, nb::handle) = nullptr;
   nb::object (*neg)(nb::handle) = nullptr;
   nb::object (*compare)(nb::handle self, nb::handle other, int op) = nullptr;  // op: Py_EQ ...
+  nb::object (*getitem)(nb::handle self, nb::handle key) = nullptr;
+  void (*setitem)(nb::handle self, nb::handle key, nb::handle value) = nullptr;
 };
 inline OperatorHooks g_operators;
 

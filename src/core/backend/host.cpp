@@ -131,6 +131,7 @@ const Kernels& host_kernels() {
     add_reduce_kernels(k);
     add_shape_kernels(k);
     add_permute_kernels(k);
+    add_index_kernels(k);
     return k;
   }();
   return table;

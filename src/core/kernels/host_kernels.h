@@ -16,5 +16,6 @@ void add_cumsum_kernels(Kernels& k);      // cumsum.cpp
 void add_reduce_kernels(Kernels& k);      // reduce.cpp
 void add_shape_kernels(Kernels& k);       // shape.cpp
 void add_permute_kernels(Kernels& k);     // permute.cpp
+void add_index_kernels(Kernels& k);       // index.cpp
 
 }  // namespace tramel

@@ -21,6 +21,7 @@
 #include <nanobind/nanobind.h>
 
 #include <initializer_list>
+#include <memory>
 #include <vector>
 
 #include "core/ops.h"
@@ -31,6 +32,11 @@ namespace tramel::tensor {
 namespace nb = nanobind;
 
 class Derivative;
+// What an operator keeps for its gradient beyond the fields of Derivative (an
+// index plan): immutable, shared by the edges of one call, typed by the operator.
+struct SavedState {
+  virtual ~SavedState() = default;
+};
 using GradientFormula = Tensor (*)(const Tensor& grad, const Derivative& d);
 
 // What a formula reads when it runs, besides its own input and the incoming
@@ -114,6 +120,12 @@ class Derivative {
   InlineInts axes;                  // axes, a permutation, repeats
   double bounds[2] = {0, 0};  // clip
   bool unbiased = false;      // std, var
+  std::shared_ptr<const SavedState> state;
+  // The state as the type its operator stored.
+  template <typename T>
+  const T& state_as() const {
+    return static_cast<const T&>(*state);
+  }
 
   int traverse(visitproc visit, void* arg) const;
   void clear();

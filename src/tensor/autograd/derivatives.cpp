@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "tensor/indexing/indexing.h"
 #include "tensor/operator.h"
 
 namespace tramel::tensor {
@@ -25,6 +26,7 @@ constexpr Gradient kNone = {kSavesNothing, nullptr};
 // Gradients of two-operand operators end reduced to the operand's own shape
 // and grad dtype (they may have been broadcast).
 Tensor reduced(G g, D d) { return unbroadcast(d.own_grad(), g); }
+std::vector<int64_t> dims_of(const Shape& s) { return std::vector<int64_t>(s.begin(), s.end()); }
 Tensor zeros_of_input(G, D d) { return zeros_shaped_like(d.input(0)); }
 Tensor back_to_input_shape(G g, D d) { return reshape(g, d.input(0).shape()); }
 // Operand Me of maximum/minimum gets g where it alone won, half of it at a tie.
@@ -106,6 +108,23 @@ const Derivatives kDerivatives[] = {
     {"transpose", {{kSavesNothing, [](G g, D d) { return transpose(g, inverse_permutation(d.axes)); }}}},
     {"tile", {{kInputs, [](G g, D d) { return tile_grad(g, d.input(0).shape(), d.axes.vector()); }}}},
     {"flip", {{kSavesNothing, [](G g, D d) { return flip(g, d.axes.vector()); }}}},
+
+    // ---- indexing; the index texts or the gather description are the edge's state ----
+    // The target's data is read when the gradient runs, after any later set.
+    {"select", {{kInputs, [](G g, D d) { return select_bp(d.input(0), d.state_as<SelectState>().texts, g); }}}},
+    // Inputs (value, target); a value broadcast over the region gets the region's sum.
+    {"set_select", {{kInputs, [](G g, D d) {
+                       return fit_to_shape(set_select_bp(d.input(1), d.state_as<SelectState>().texts, g),
+                                           d.input(0).shape());
+                     }}}},
+    {"__getitem__", {{kSavesNothing, [](G g, D d) {
+                        const GatherState& s = d.state_as<GatherState>();
+                        return adv_indexing_grad(g, s.spec, s.indices, dims_of(d.input(0).shape()));
+                      }}}},
+    {"__setitem__", {{kSavesNothing, [](G g, D d) {
+                        const GatherState& s = d.state_as<GatherState>();
+                        return set_adv_indexing_grad(g, s.spec, s.indices, dims_of(d.input(0).shape()));
+                      }}}},
 };
 
 }  // namespace
