@@ -92,6 +92,10 @@ API = {
             "sin sinh sqrt sqrt_grad square sub sum tan tan_grad tanh"
         ),
         "test_core_reduce_shape": "flatten flip median squeeze squeeze_ swapaxis transpose transpose_ unsqueeze var",
+        "test_core_index": (
+            "adv_indexing adv_indexing_grad nonzero select select_bp set_adv_indexing set_adv_indexing_grad "
+            "set_select set_select_bp"
+        ),
     },
     "_core.tramel": {
         "test_core": "copyTensor",

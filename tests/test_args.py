@@ -127,6 +127,18 @@ def test_shapes_are_lists_or_tuples_of_integers():
     refused(ValueError, "[empty] negative dimension in shape [2, -1]", lambda: T.empty([2, -1]))
 
 
+# ---------------------------------------------------------------- lists of texts
+
+def test_texts_are_lists_or_tuples_of_str():
+    assert core().select(["1"]).shape == [3] and core().select(("0", "::2")).shape == [2]
+    assert core().select([]).shape == [2, 3]
+    refused(TypeError, "[select] index_list must be a list of str, got str", lambda: core().select("1"))
+    refused(TypeError, "[select_bp] index_list must be a list of str, got int",
+            lambda: T.select_bp(core(), 3, core()))
+    refused(TypeError, "[set_select] index_list must hold only str, got bytes at position 0",
+            lambda: core().set_select([b"1"], core((3,))))
+
+
 # ---------------------------------------------------------------- dtypes and devices
 
 def test_dtypes():

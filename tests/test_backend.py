@@ -137,6 +137,21 @@ SWEEP = [
     ("transpose", lambda d: core(data(np.float64, shape=(2, 3, 4)), d).transpose([2, 0, 1])),
     ("transpose", lambda d: core(data(np.complex128), d).swapaxis(0, 1)),
     ("flip", lambda d: core(data(np.int16, shape=(2, 3, 4)), d).flip([0, 2])),
+    ("select", lambda d: core(data(np.complex64, shape=(4, 5, 3)), d).select(["::-2", "0,3,3,", "1"])),
+    ("select", lambda d: T.set_select_bp(core(data(np.int8), d), ["1:", "::-1"], core(data(np.int8, 2), d))),
+    ("select_write", lambda d: in_place(core(data(np.float64, shape=(4, 5)), d),
+                                        lambda t: t.set_select(["0,2,2,", "::2"], core(data(np.int32, 2, (3, 1)), d)))),
+    ("select_write", lambda d: T.select_bp(core(data(np.float32), d), ["-1,0,-1", "1:3"], core(data(np.float32, 2, (3, 2)), d))),
+    ("gather", lambda d: core(data(np.int16, shape=(5, 4)), d).adv_indexing(
+        3, 1, 4, [5], [4], core([-1, 0, 3], d), [3, 4])),
+    ("gather", lambda d: core(data(np.complex128), d).set_adv_indexing_grad(
+        4, 2, 1, [3, 4], [4, 1], core(np.array([[0, 2, -1, 0], [1, 3, 0, 1]], np.int8), d), [2, 2])),
+    ("scatter", lambda d: in_place(core(data(np.float32), d), lambda t: t.set_adv_indexing(
+        3, 1, 4, [3], [4], core(np.array([2, 0, 2], np.uint8), d), core(data(np.float32, 2, (3, 4)), d)))),
+    ("scatter", lambda d: core(data(np.float64, 2, (5, 4)), d).adv_indexing_grad(
+        5, 2, 4, [2, 3], [12, 4], core([[0, 1, 0, 1, 0], [2, 0, 2, -1, 2]], d), [2, 3, 4])),
+    ("nonzero_count", lambda d: T.nonzero(core(data(np.complex64, shape=(2, 3, 4)), d))),
+    ("nonzero", lambda d: T.nonzero(core(data(np.bool_), d))),
     ("convert", lambda d: core(data(np.int32), d).astype(D.kcomplex64)),
     ("convert", lambda d: in_place(T.zeros([3, 4], d, D.kfloat32),
                                    lambda t: tramel.copyTensor(core(data(np.complex128), GPU1 if d else 0), t))),
@@ -157,8 +172,9 @@ SWEEP = [
 ]
 
 # Slots no Python call reaches on an accelerator: the two that read or write user host memory
-# run on the processor's copy, and _core binds in place only add_, mult_ and div_.
-UNREACHED = {"import_strided", "export_host"} | {
+# run on the processor's copy, coordinates of a gather are read on the processor's copy too
+# (index_resolve), and _core binds in place only add_, mult_ and div_.
+UNREACHED = {"import_strided", "export_host", "index_resolve"} | {
     f"{family}.{n}" for family in ("binary_inplace", "binary_scalar_inplace")
     for n in ("sub", "element_pow", "maximum", "minimum")}
 

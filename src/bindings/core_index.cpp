@@ -13,8 +13,8 @@ using namespace tramel;
 
 namespace {
 
-GatherSpec spec_of(const char* op, const py::Axis& n, const py::Axis& m, const py::Axis& k, const py::IntList& mshape,
-                   const py::IntList& strides) {
+GatherSpec gather_runs_of(const char* op, const py::Axis& n, const py::Axis& m, const py::Axis& k,
+                          const py::IntList& mshape, const py::IntList& strides) {
   GatherSpec s;
   s.n = n.get(op, "n");
   s.m = m.get(op, "m");
@@ -74,7 +74,7 @@ void init_index(nb::module_& m) {
                              const py::IntList& mshape, const py::IntList& strides, const Tensor& indices,
                              const py::Dims& oshape) {
     const char* op = "adv_indexing";
-    return py::unlocked(adv_indexing, t, spec_of(op, n, mm, k, mshape, strides), indices, dims_of(oshape, op));
+    return py::unlocked(adv_indexing, t, gather_runs_of(op, n, mm, k, mshape, strides), indices, dims_of(oshape, op));
   }, nb::arg("n"), nb::arg("m"), nb::arg("k"), nb::arg("mshape"), nb::arg("strides"), nb::arg("c_indice"),
      nb::arg("oshape"),
      py::doc("Gathers the runs of k elements that n coordinate columns pick (advanced indexing).",
@@ -84,7 +84,7 @@ void init_index(nb::module_& m) {
                                   const py::IntList& mshape, const py::IntList& strides, const Tensor& indices,
                                   const py::Dims& input_shape) {
     const char* op = "adv_indexing_grad";
-    return py::unlocked(adv_indexing_grad, g, spec_of(op, n, mm, k, mshape, strides), indices,
+    return py::unlocked(adv_indexing_grad, g, gather_runs_of(op, n, mm, k, mshape, strides), indices,
                         dims_of(input_shape, op));
   }, nb::arg("n"), nb::arg("m"), nb::arg("k"), nb::arg("mshape"), nb::arg("strides"), nb::arg("c_indice"),
      nb::arg("inputshape"),
@@ -95,7 +95,7 @@ void init_index(nb::module_& m) {
   cls.def("set_adv_indexing", [](Tensor& t, const py::Axis& n, const py::Axis& mm, const py::Axis& k,
                                  const py::IntList& mshape, const py::IntList& strides, const Tensor& indices,
                                  const Tensor& value) {
-    set_adv_indexing(t, spec_of("set_adv_indexing", n, mm, k, mshape, strides), indices, value);
+    set_adv_indexing(t, gather_runs_of("set_adv_indexing", n, mm, k, mshape, strides), indices, value);
   }, nb::arg("n"), nb::arg("m"), nb::arg("k"), nb::arg("mshape"), nb::arg("strides"), nb::arg("c_indice"),
      nb::arg("value"),
      py::doc("Writes the runs that n coordinate columns pick, in place; for repeated coordinates the last wins.",
@@ -106,7 +106,7 @@ void init_index(nb::module_& m) {
                                       const py::IntList& mshape, const py::IntList& strides, const Tensor& indices,
                                       const py::Dims& out_shape) {
     const char* op = "set_adv_indexing_grad";
-    return py::unlocked(set_adv_indexing_grad, g, spec_of(op, n, mm, k, mshape, strides), indices,
+    return py::unlocked(set_adv_indexing_grad, g, gather_runs_of(op, n, mm, k, mshape, strides), indices,
                         dims_of(out_shape, op));
   }, nb::arg("n"), nb::arg("m"), nb::arg("k"), nb::arg("mshape"), nb::arg("strides"), nb::arg("c_indice"),
      nb::arg("out_shape"),

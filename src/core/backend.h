@@ -122,11 +122,11 @@ using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
 // x_base and v_base. Axes of count one are folded into the bases and
 // neighbours that stay arithmetic on both sides are merged, so the last axis
 // is the longest run the kernel can copy at once.
-struct RegionAxis {
-  int64_t count = 1;
-  int64_t x_step = 0;                    // used when x_offsets is null
-  const int64_t* x_offsets = nullptr;    // count element offsets, host memory
-  int64_t v_step = 0;
+struct RegionAxis {  // set whole where used: a plan leaves the axes past its rank unset
+  int64_t count;
+  int64_t x_step;              // used when x_offsets is null
+  const int64_t* x_offsets;    // count element offsets, host memory
+  int64_t v_step;
 };
 struct RegionPlan {
   int rank = 0;            // at least 1 once planned
@@ -146,7 +146,7 @@ using SelectWriteKernel = void (*)(Tensor& x, const Tensor& value, const RegionP
 // (m, n) row-major) into starts[n] (host memory): the element offset of each
 // column's run, with negative coordinates wrapped. Returns -1, or the flat
 // position of the first coordinate out of range, whose value goes to *bad.
-using ResolveKernel = int64_t (*)(const Tensor& indices, const GatherSpec& spec, int64_t* starts, int64_t* bad);
+using ResolveKernel = int64_t (*)(const Tensor& indices, const GatherSpec& runs, int64_t* starts, int64_t* bad);
 // out[c * k + i] = src[starts[c] + i] for the n runs; starts is host memory.
 using GatherKernel = void (*)(const Tensor& src, Tensor& out, const int64_t* starts, int64_t n, int64_t k);
 // dst[starts[c] + i] = src[c * k + i] (or += when `accumulate`), in column

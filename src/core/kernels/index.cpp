@@ -104,6 +104,10 @@ void select(const Tensor& x, Tensor& out, const RegionPlan& plan) {
         for (int64_t i = 0; i < len; ++i) d[i * in.v_step] = s[in.x_offsets[t + i]];
       } else if (in.x_step == 1 && in.v_step == 1) {
         copy_run(d, src + xo + t, len);
+      } else if (in.v_step == 1) {
+        const U* s = src + xo + t * in.x_step;
+        int64_t step = in.x_step;
+        for (int64_t i = 0; i < len; ++i) d[i] = s[i * step];
       } else {
         const U* s = src + xo + t * in.x_step;
         for (int64_t i = 0; i < len; ++i) d[i * in.v_step] = s[i * in.x_step];
@@ -131,6 +135,11 @@ void write_region(U* dst, const U* src, const RegionPlan& plan) {
     if constexpr (!Add) {
       if (in.x_step == 1 && in.v_step == 1) return copy_run(d, s, len);
       if (in.x_step == 1 && in.v_step == 0) return std::fill(d, d + len, *s);
+      if (in.v_step == 1) {
+        int64_t step = in.x_step;
+        for (int64_t i = 0; i < len; ++i) d[i * step] = s[i];
+        return;
+      }
     }
     for (int64_t i = 0; i < len; ++i) put(d[i * in.x_step], s[i * in.v_step]);
   });
@@ -234,6 +243,19 @@ void gather(const Tensor& src, Tensor& out, const int64_t* starts, int64_t n, in
 template <typename U, bool Add>
 void scatter_runs(U* dst, const U* src, bool fill, const int64_t* starts, int64_t n, int64_t k, int64_t lo,
                   int64_t hi) {
+  if (k == 1 && !fill) {  // single elements: random writes, fetched ahead
+    for (int64_t c = 0; c < n; ++c) {
+      if (c + kPrefetch < n) {
+        int64_t ahead = starts[c + kPrefetch];
+        if (ahead >= lo && ahead < hi) __builtin_prefetch(dst + ahead, 1);
+      }
+      int64_t at = starts[c];
+      if (at < lo || at >= hi) continue;
+      if constexpr (Add) accumulate(dst[at], src[c]);
+      else dst[at] = src[c];
+    }
+    return;
+  }
   for (int64_t c = 0; c < n; ++c) {
     int64_t at = starts[c], a = std::max(at, lo), z = std::min(at + k, hi);
     if (a >= z) continue;

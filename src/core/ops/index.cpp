@@ -52,9 +52,9 @@ bool parse_int(Field f, int64_t* out) {
 
 // What one text picks on its axis.
 struct Pick {
-  enum Kind : uint8_t { Position, Range, List } kind = Range;
-  int64_t start = 0, step = 1, count = 0;
-  int64_t list_at = 0;  // first of `count` positions in the selection's buffer
+  enum Kind : uint8_t { Position, Range, List } kind;
+  int64_t start, step, count;
+  int64_t list_at;  // first of `count` positions in the selection's buffer
 };
 
 // The parsed index of one call: a pick per axis and the positions of the
@@ -150,9 +150,11 @@ class Selection {
     const char* b = text.data();
     const char* e = b + text.size();
     Pick& k = picks_[axis];
-    if (std::memchr(b, ':', text.size())) return parse_range(axis, text, k);
+    bool colon = false, comma = false;  // texts are short: one pass, no library call
+    for (const char* p = b; p < e; ++p) colon |= *p == ':', comma |= *p == ',';
+    if (colon) return parse_range(axis, text, k);
     Field all = trimmed(b, e);
-    if (all.empty() || std::memchr(b, ',', text.size())) return parse_list(axis, text, k);
+    if (all.empty() || comma) return parse_list(axis, text, k);
     int64_t v = 0;
     size_t n = size_t(all.e - all.p);
     if (n == 4 && std::memcmp(all.p, "True", 4) == 0) v = 1;
@@ -297,6 +299,14 @@ Tensor select_region(const char* op, const Tensor& x, const IndexTexts& index) {
   return out;
 }
 
+// A value that is the target's own storage (x.set_select(["::-1"], x)) is
+// copied first: the write would otherwise read elements it has overwritten.
+const Tensor& unaliased(const char* op, const Tensor& value, const Tensor& x, Tensor& holder) {
+  if (value.storage() != x.storage()) return value;
+  holder = to_device(value, value.device(), op);
+  return holder;
+}
+
 void require_same_device(const char* op, const Tensor& a, const Tensor& b, const char* what) {
   if (a.device() != b.device())
     fail(ErrorKind::Runtime, op, std::string(what) + " is on device " + std::to_string(b.device()) +
@@ -317,7 +327,7 @@ void set_select(Tensor& x, const IndexTexts& index, const Tensor& value) {
   RegionPlan plan = sel.plan(steps);
   if (plan.numel == 0) return;
   Tensor holder;
-  const Tensor& v = as_dtype(value, x.dtype(), holder);
+  const Tensor& v = unaliased(op, as_dtype(value, x.dtype(), holder), x, holder);
   x.make_storage_unique();
   kernel(x, v, plan, false);
 }
@@ -358,7 +368,7 @@ std::string list_str(const std::vector<int64_t>& v) {
 
 // The description must be that of `target`, the tensor whose runs are read or
 // written, and of `indices`; else a kernel would leave the buffers.
-void check_spec(const char* op, const Shape& target, const GatherSpec& s, const Tensor& indices) {
+void check_runs_description(const char* op, const Shape& target, const GatherSpec& s, const Tensor& indices) {
   if (!is_integral(indices.dtype()))
     fail(ErrorKind::Type, op, std::string("indices must have an integer dtype, got ") + dtype_name(indices.dtype()));
   if (s.m < 1 || s.m > target.rank())
@@ -419,56 +429,56 @@ Shape shape_of(const std::vector<int64_t>& dims, const char* op) {
   return Shape(dims.data(), int(dims.size()), op);
 }
 
-Tensor gather(const char* op, const Tensor& src, const GatherSpec& spec, const Tensor& indices,
+Tensor gather(const char* op, const Tensor& src, const GatherSpec& runs, const Tensor& indices,
               const std::vector<int64_t>& oshape) {
-  check_spec(op, src.shape(), spec, indices);
+  check_runs_description(op, src.shape(), runs, indices);
   Shape shape = shape_of(oshape, op);
-  check_runs(op, spec, shape.numel(), "the result's shape " + shape.str());
+  check_runs(op, runs, shape.numel(), "the result's shape " + shape.str());
   GatherKernel kernel = need(kernels_of(src).gather, src, op);
-  Tensor starts = run_starts(op, spec, indices);
+  Tensor starts = run_starts(op, runs, indices);
   Tensor out = Tensor::empty(shape, src.dtype(), src.device(), op);
-  if (out.numel() != 0) kernel(src, out, starts.data<int64_t>(), spec.n, spec.k);
+  if (out.numel() != 0) kernel(src, out, starts.data<int64_t>(), runs.n, runs.k);
   return out;
 }
 
 }  // namespace
 
-Tensor adv_indexing(const Tensor& x, const GatherSpec& spec, const Tensor& indices, const std::vector<int64_t>& oshape) {
-  return gather("adv_indexing", x, spec, indices, oshape);
+Tensor adv_indexing(const Tensor& x, const GatherSpec& runs, const Tensor& indices, const std::vector<int64_t>& oshape) {
+  return gather("adv_indexing", x, runs, indices, oshape);
 }
 
-Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+Tensor set_adv_indexing_grad(const Tensor& g, const GatherSpec& runs, const Tensor& indices,
                              const std::vector<int64_t>& out_shape) {
-  return gather("set_adv_indexing_grad", g, spec, indices, out_shape);
+  return gather("set_adv_indexing_grad", g, runs, indices, out_shape);
 }
 
-Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& spec, const Tensor& indices,
+Tensor adv_indexing_grad(const Tensor& g, const GatherSpec& runs, const Tensor& indices,
                          const std::vector<int64_t>& input_shape) {
   const char* op = "adv_indexing_grad";
   Shape shape = shape_of(input_shape, op);
-  check_spec(op, shape, spec, indices);
-  check_runs(op, spec, g.numel(), "the gradient of shape " + g.shape().str());
+  check_runs_description(op, shape, runs, indices);
+  check_runs(op, runs, g.numel(), "the gradient of shape " + g.shape().str());
   ScatterKernel kernel = need(kernels_of(g).scatter, g, op);
   ZeroKernel zero = need(kernels_of(g).zero, g, op);
-  Tensor starts = run_starts(op, spec, indices);
+  Tensor starts = run_starts(op, runs, indices);
   Tensor out = Tensor::empty(shape, g.dtype(), g.device(), op);
   if (out.numel() != 0) zero(out);
-  if (g.numel() != 0) kernel(out, g, starts.data<int64_t>(), spec.n, spec.k, true);
+  if (g.numel() != 0) kernel(out, g, starts.data<int64_t>(), runs.n, runs.k, true);
   return out;
 }
 
-void set_adv_indexing(Tensor& x, const GatherSpec& spec, const Tensor& indices, const Tensor& value) {
+void set_adv_indexing(Tensor& x, const GatherSpec& runs, const Tensor& indices, const Tensor& value) {
   const char* op = "set_adv_indexing";
-  check_spec(op, x.shape(), spec, indices);
+  check_runs_description(op, x.shape(), runs, indices);
   require_same_device(op, x, value, "value");
-  if (value.numel() != 1) check_runs(op, spec, value.numel(), "the value of shape " + value.shape().str());
+  if (value.numel() != 1) check_runs(op, runs, value.numel(), "the value of shape " + value.shape().str());
   ScatterKernel kernel = need(kernels_of(x).scatter, x, op);
-  Tensor starts = run_starts(op, spec, indices);
-  if (spec.n == 0 || spec.k == 0) return;
+  Tensor starts = run_starts(op, runs, indices);
+  if (runs.n == 0 || runs.k == 0) return;
   Tensor holder;
-  const Tensor& v = as_dtype(value, x.dtype(), holder);
+  const Tensor& v = unaliased(op, as_dtype(value, x.dtype(), holder), x, holder);
   x.make_storage_unique();
-  kernel(x, v, starts.data<int64_t>(), spec.n, spec.k, false);
+  kernel(x, v, starts.data<int64_t>(), runs.n, runs.k, false);
 }
 
 Tensor nonzero(const Tensor& x) {

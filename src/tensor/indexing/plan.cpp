@@ -145,6 +145,12 @@ IndexArray array_of_qtensor(nb::handle it) {
   return IndexArray::dense(std::move(t));
 }
 
+// slice(None), made once and held for the process.
+nb::handle whole_slice() {
+  static PyObject* full = PySlice_New(nullptr, nullptr, nullptr);
+  return full;
+}
+
 [[noreturn]] void illegal_index_type(nb::handle idx) {
   throw std::runtime_error("illegal index type " + py_text(nb::handle(reinterpret_cast<PyObject*>(Py_TYPE(idx.ptr())))));
 }
@@ -201,6 +207,13 @@ void append_mask(Key& key, nb::handle it, const Shape& shape, int64_t axis) {
   Tensor coords = nonzero(mask);
   if (coords.device() != kCpuDevice) coords = to_device(coords, kCpuDevice, "indexing");
   int64_t count = coords.shape()[1];
+  if (d == 1) {  // the coordinates themselves, no copy
+    KeyEntry e;
+    e.kind = KeyEntry::Kind::Array;
+    e.array = IndexArray::dense(coords.view_as(Shape(&count, 1, "indexing")));
+    key.push_back(std::move(e));
+    return;
+  }
   const int64_t* rows = coords.data<int64_t>();
   for (int j = 0; j < d; ++j) {
     KeyEntry e;
@@ -253,11 +266,10 @@ Key expand_key(nb::handle item, const Shape& shape, bool* use_advance) {
   }
   if (PyErr_Occurred()) throw nb::python_error();
   int64_t ell_ndim = shape.rank() + num_none - int64_t(key.size());
-  static nb::object full = nb::steal(PySlice_New(nullptr, nullptr, nullptr));
   for (int64_t i = 0; i < ell_ndim; ++i) {
     KeyEntry e;
     e.kind = KeyEntry::Kind::Slice;
-    e.object = full;
+    e.object = nb::borrow(whole_slice());
     key.push_back(std::move(e));
   }
   return key;
@@ -337,7 +349,15 @@ std::vector<int64_t> broadcast_all(const std::vector<const std::vector<int64_t>*
 
 // _broadcast_advanced_indices: the block arrays broadcast together and put
 // at the block's place; every other (one-dimensional) array along its own axis.
-std::vector<IndexArray> broadcast_indices(const std::vector<IndexArray>& arrays, const std::vector<int64_t>& block) {
+std::vector<IndexArray> broadcast_indices(const std::vector<IndexArray>& arrays, const std::vector<int64_t>& block,
+                                          std::vector<int64_t>* block_shape_out = nullptr) {
+  if (block.empty()) throw nb::index_error("list index out of range");  // block_axes[0]
+  for (size_t i = 0; i < block.size(); ++i) {
+    if (block[i] < 0 || block[i] >= int64_t(arrays.size()))
+      throw nb::index_error(("block axis " + std::to_string(block[i]) + " is out of range for " +
+                             std::to_string(arrays.size()) + " index arrays").c_str());
+    if (i && block[i] != block[i - 1] + 1) throw nb::value_error("the block axes must be consecutive");
+  }
   std::vector<const std::vector<int64_t>*> block_shapes;
   for (int64_t ax : block) block_shapes.push_back(&arrays[size_t(ax)].shape);
   std::vector<int64_t> block_shape = broadcast_all(block_shapes);
@@ -365,10 +385,9 @@ std::vector<IndexArray> broadcast_indices(const std::vector<IndexArray>& arrays,
     own.at(at) = arrays[ax].shape.at(0);
     out[ax] = arrays[ax].reshaped(own).broadcast_to(bcast_shape);
   }
+  if (block_shape_out) *block_shape_out = std::move(block_shape);
   return out;
 }
-
-std::vector<int64_t> shape_of_entry(const KeyEntry& e, int64_t ax_len) { return to_array(e, ax_len).shape; }
 
 // _fun_new_axes_after_advanced_indexing.
 std::vector<int64_t> new_axes_after(const std::vector<bool>& none_at, const std::vector<bool>& advanced_at,
@@ -395,6 +414,11 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
   if (ndim > rank)
     throw nb::index_error(("too many indices (" + std::to_string(ndim) + ") for array with " + std::to_string(rank) +
                            " dimensions").c_str());
+  // The usual key, one index array for axis 0 and every other axis whole,
+  // plans to that array itself (what the steps below give it).
+  if (!key.empty() && key.front().kind == KeyEntry::Kind::Array && int64_t(key.size()) == ndim &&
+      std::all_of(key.begin() + 1, key.end(), [](const KeyEntry& e) { return e.full_slice(); }))
+    return AdvancedPlan{{key.front().array}, {}};
   std::vector<int64_t> adv_axs, adv_axs_nd, nonadv_axs_nd;
   std::vector<bool> none_at(key.size()), advanced_at(key.size());
   for (size_t ax = 0; ax < key.size(); ++ax) {
@@ -408,6 +432,7 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
   // _drop_slice_none_at_end: trailing whole axes are taken through k.
   int64_t short_len = ndim;
   while (short_len > 0 && key_nd[size_t(short_len - 1)]->full_slice()) --short_len;
+  if (short_len == 0) throw nb::index_error("list index out of range");  // a key without an advanced entry
   std::vector<const KeyEntry*> permuted;
   std::vector<int64_t> block, axs_permut;
   if (adjacent) {
@@ -425,12 +450,9 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
   }
   std::vector<IndexArray> converted;
   for (size_t i = 0; i < permuted.size(); ++i) converted.push_back(to_array(*permuted[i], data_shape[int(axs_permut[i])]));
-  std::vector<IndexArray> bcast = broadcast_indices(converted, block);
-  std::vector<std::vector<int64_t>> adv_shapes;
-  for (int64_t ax : adv_axs_nd) adv_shapes.push_back(shape_of_entry(*key_nd[size_t(ax)], data_shape[int(ax)]));
-  std::vector<const std::vector<int64_t>*> adv_shape_ptrs;
-  for (const auto& s : adv_shapes) adv_shape_ptrs.push_back(&s);
-  std::vector<int64_t> bcast_advanced_shape = broadcast_all(adv_shape_ptrs);
+  // The block's arrays are the advanced entries, so its shape is theirs broadcast.
+  std::vector<int64_t> bcast_advanced_shape;
+  std::vector<IndexArray> bcast = broadcast_indices(converted, block, &bcast_advanced_shape);
   // Back in the order of the tensor's axes, dropped axes left out.
   std::vector<int64_t> inverse(axs_permut.size());
   for (size_t i = 0; i < axs_permut.size(); ++i) inverse[size_t(axs_permut[i])] = int64_t(i);
@@ -564,6 +586,7 @@ nb::list numpy_list(const std::vector<IndexArray>& arrays) {
 }
 
 nb::tuple int_tuple(const std::vector<int64_t>& v) { return nb::borrow<nb::tuple>(shape_tuple(v)); }
+nb::list int_list(const std::vector<int64_t>& v) { return nb::list(shape_tuple(v)); }
 
 void init_plan(nb::module_& m, nb::class_<QTensor>&) {
   m.attr("slice_none_Placeholder") = kSliceNonePlaceholder;
@@ -587,7 +610,7 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
              "A numpy integer array.").c_str());
   m.def("_drop_slice_none_at_end", [](nb::handle key) {
     nb::list items = nb::list(key);
-    static nb::object full = nb::steal(PySlice_New(nullptr, nullptr, nullptr));
+    nb::handle full = whole_slice();
     while (true) {
       if (nb::len(items) == 0) throw nb::index_error("list index out of range");
       nb::handle last = items[nb::len(items) - 1];
@@ -635,7 +658,7 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
     GatherSpec spec;
     std::vector<int64_t> oshape;
     fill_gather_fields(ints_of(ishape), shape_from(dshape), m_axes, spec, oshape);
-    return nb::make_tuple(nb::cast(oshape), nb::cast(spec.mshape), nb::cast(spec.strides), spec.k);
+    return nb::make_tuple(int_list(oshape), int_list(spec.mshape), int_list(spec.strides), spec.k);
   }, nb::arg("ishape"), nb::arg("dshape"), nb::arg("m"),
      py::doc("The numeric fields of a gather from the shape of its stacked index array.",
              {"ishape: the shape of the index array, (m, ...).", "dshape: the shape of the indexed tensor.",

@@ -61,22 +61,22 @@ IndexTexts texts_of(nb::handle index) {
   return texts;
 }
 
+nb::list texts_list(const IndexTexts& texts) {
+  nb::list out;
+  for (const std::string& t : texts) out.append(nb::str(t.c_str(), t.size()));
+  return out;
+}
+
 // str() of the list of texts: "['0:5:1', '1']".
 std::string texts_repr(const IndexTexts& texts) {
   std::string s = "[";
   for (size_t i = 0; i < texts.size(); ++i) {
     for (char c : texts[i])
-      if (c == '\'' || c == '\\' || c < ' ' || c > '~') return py_text(nb::cast(texts));  // Python's own quoting
+      if (c == '\'' || c == '\\' || c < ' ' || c > '~') return py_text(texts_list(texts));  // Python's own quoting
     (s += i ? ", '" : "'") += texts[i];
     s += '\'';
   }
   return s + "]";
-}
-
-nb::list texts_list(const IndexTexts& texts) {
-  nb::list out;
-  for (const std::string& t : texts) out.append(nb::str(t.c_str(), t.size()));
-  return out;
 }
 
 }  // namespace

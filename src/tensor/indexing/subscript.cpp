@@ -73,8 +73,17 @@ nb::object getitem_in_index(nb::handle self, nb::handle item) {
   return basic_get(item, self);
 }
 
-nb::object module_function(const char* name) {
-  return nb::borrow(imported("pytramel.tensor.tensor", name));
+// The module-level operators that fit a value, differentiable; looked up once.
+struct FittingOperators {
+  nb::handle full = imported("pytramel.tensor.tensor", "full");
+  nb::handle squeeze = imported("pytramel.tensor.tensor", "squeeze");
+  nb::handle reshape = imported("pytramel.tensor.tensor", "reshape");
+  nb::handle broadcast_to = imported("pytramel.tensor.tensor", "broadcast_to");
+  nb::handle numeric_types = imported("pytramel.tensor.tensor", "numeric_types");
+};
+const FittingOperators& fitting() {
+  static const FittingOperators ops;
+  return ops;
 }
 
 }  // namespace
@@ -84,13 +93,13 @@ nb::object prepare_value(nb::handle self, nb::handle value, const std::vector<in
                          const std::vector<int64_t>& squeeze_axes) {
   QTensor& target = as_qtensor(self, "__setitem__");
   DType dtype = core_of(target, "__setitem__").dtype();
-  static nb::handle numeric = imported("pytramel.tensor.tensor", "numeric_types");
+  const FittingOperators& ops = fitting();
   nb::object value_nd;
-  if (PyObject_IsInstance(value.ptr(), numeric.ptr()) == 1) {
-    value_nd = module_function("full")(shape_tuple(bcast_shape), value, target.device, int(dtype));
+  if (PyObject_IsInstance(value.ptr(), ops.numeric_types.ptr()) == 1) {
+    value_nd = ops.full(shape_tuple(bcast_shape), value, target.device, int(dtype));
   } else if (is_qtensor(value)) {
     value_nd = nb::borrow(value);
-    if (core_of(value, "__setitem__").dtype() != dtype) value_nd = module_function("astype")(value, int(dtype));
+    if (core_of(value, "__setitem__").dtype() != dtype) value_nd = nb::borrow(value).attr("astype")(int(dtype));
   } else {
     std::string type = py_text(nb::handle(reinterpret_cast<PyObject*>(Py_TYPE(value.ptr()))));
     throw nb::type_error((type + " does not support assignment with non-array-like object " + py_text(value) +
@@ -102,18 +111,18 @@ nb::object prepare_value(nb::handle self, nb::handle value, const std::vector<in
     std::vector<int64_t> kept;
     for (int64_t ax : squeeze_axes)
       if (ax < ndim()) kept.push_back(ax);
-    value_nd = module_function("squeeze")(value_nd, shape_tuple(kept));
+    value_nd = ops.squeeze(value_nd, shape_tuple(kept));
   }
   if (ndim() > target_ndim) {
     std::vector<int64_t> leading;
     const Shape& s = core_of(value_nd, "__setitem__").shape();
     for (int64_t i = 0; i < ndim() - target_ndim && s[int(i)] == 1; ++i) leading.push_back(i);
-    if (!leading.empty()) value_nd = module_function("squeeze")(value_nd, nb::cast(leading));
+    if (!leading.empty()) value_nd = ops.squeeze(value_nd, nb::list(shape_tuple(leading)));
   }
   // The value always becomes a new tensor linked to the old: the shapes are compared as list and tuple.
   if (core_of(value_nd, "__setitem__").numel() == 0)
-    return module_function("reshape")(value_nd, shape_tuple(bcast_shape));
-  return module_function("broadcast_to")(value_nd, shape_tuple(bcast_shape));
+    return ops.reshape(value_nd, shape_tuple(bcast_shape));
+  return ops.broadcast_to(value_nd, shape_tuple(bcast_shape));
 }
 
 namespace {
@@ -214,7 +223,7 @@ void setitem(nb::handle self, nb::handle key, nb::handle value_in) {
       throw nb::value_error("set value should be QTensor ");  // (sic) the trailing blank
     }
   }
-  if (core_of(value, "__setitem__").dtype() != dtype) value = module_function("astype")(value, int(dtype));
+  if (core_of(value, "__setitem__").dtype() != dtype) value = nb::borrow(value).attr("astype")(int(dtype));
   if (PyLong_Check(key.ptr())) {
     std::string text;
     append_int_text(text, key);
@@ -233,6 +242,7 @@ void init_subscript(nb::module_& m, nb::class_<QTensor>& cls) {
   g_operators.setitem = &setitem;
   const char* value_doc = "value: a QTensor of self's dtype (cast to it otherwise).";
   cls.def("_getitem_with_qtensor_as_index", [](nb::handle self, TensorArg item) -> TensorResult {
+    as_qtensor(item, "_getitem_with_qtensor_as_index");
     return getitem_as_index(self, item);
   }, nb::arg("item").none(),
      py::doc("x[t] for a QTensor key t: integer positions along axis 0, or a boolean mask over the leading axes.",
@@ -244,10 +254,13 @@ void init_subscript(nb::module_& m, nb::class_<QTensor>& cls) {
              "basic way; a key that fails the advanced way is retried on the basic way.",
              {"item: the key, an iterable of entries."}, "A new QTensor; differentiable.").c_str());
   cls.def("_setitem_with_qtensor_as_index", [](nb::handle self, TensorArg key, TensorArg value) {
+    as_qtensor(key, "_setitem_with_qtensor_as_index");
+    as_qtensor(value, "_setitem_with_qtensor_as_index");
     setitem_as_index(self, key, value);
   }, nb::arg("key").none(), nb::arg("value").none(),
      py::doc("x[t] = value for a QTensor key t, in place.", {"key: the key, a QTensor.", value_doc}).c_str());
   cls.def("_setitem_with_qtensor_in_index", [](nb::handle self, nb::handle key, TensorArg value) {
+    as_qtensor(value, "_setitem_with_qtensor_in_index");
     setitem_in_index(self, key, value);
   }, nb::arg("key").none(), nb::arg("value").none(),
      py::doc("x[key] = value for a container key, in place; the ways as for a get.",

@@ -1202,4 +1202,122 @@ class Tensor:
             A new real core tensor.
         """
 
+    def select(self, index_list: list[str]) -> Tensor:
+        """
+        A copy of the region that index texts pick; axes picked by one position are dropped.
+
+        Args:
+            index_list: one index text per leading axis: a position ('2', '-1'), a range ('1:5:2', '::-1') or a list of positions ('0,3,'); axes past the list are taken whole.
+
+        Returns:
+            A new core tensor on the same device.
+        """
+
+    def set_select(self, index_list: list[str], value: Tensor) -> None:
+        """
+        Writes a value into the region that index texts pick, in place.
+
+        Args:
+            index_list: one index text per leading axis: a position ('2', '-1'), a range ('1:5:2', '::-1') or a list of positions ('0,3,'); axes past the list are taken whole.
+            value: a core tensor on the same device that broadcasts to the region (or has one element); converted to the tensor's dtype.
+        """
+
+    def select_bp(self, index_list: list[str], x: Tensor) -> Tensor:
+        """
+        The gradient of select: x placed at the region in zeros of the tensor's shape.
+
+        Args:
+            index_list: one index text per leading axis: a position ('2', '-1'), a range ('1:5:2', '::-1') or a list of positions ('0,3,'); axes past the list are taken whole.
+            x: the gradient of select's result; positions picked twice sum.
+
+        Returns:
+            A new core tensor of the tensor's shape, with x's dtype and device.
+        """
+
+    def set_select_bp(self, index_list: list[str], x: Tensor) -> Tensor:
+        """
+        The gradient of set_select's value: the region of x.
+
+        Args:
+            index_list: one index text per leading axis: a position ('2', '-1'), a range ('1:5:2', '::-1') or a list of positions ('0,3,'); axes past the list are taken whole.
+            x: the gradient of the written tensor, of its shape.
+
+        Returns:
+            A new core tensor.
+        """
+
+    def adv_indexing(self, n: int, m: int, k: int, mshape: int | Sequence[int], strides: int | Sequence[int], c_indice: Tensor, oshape: list[int] | tuple[int, ...]) -> Tensor:
+        """
+        Gathers the runs of k elements that n coordinate columns pick (advanced indexing).
+
+        Args:
+            n: the number of coordinate columns (runs).
+            m: the number of leading axes the coordinates address.
+            k: the number of elements of each run, the size of the remaining axes.
+            mshape: the m leading dimensions.
+            strides: the element strides of the m leading axes.
+            c_indice: a core tensor of an integer dtype holding m * n coordinates, row j for axis j; negative ones count from the end.
+            oshape: the result's shape, of n * k elements.
+
+        Returns:
+            A new core tensor on the same device.
+        """
+
+    def adv_indexing_grad(self, n: int, m: int, k: int, mshape: int | Sequence[int], strides: int | Sequence[int], c_indice: Tensor, inputshape: list[int] | tuple[int, ...]) -> Tensor:
+        """
+        The gradient of adv_indexing: the runs of this tensor added at their coordinates into zeros;
+        repeated coordinates sum, in column order, the same on any number of threads.
+
+        Args:
+            n: the number of coordinate columns (runs).
+            m: the number of leading axes the coordinates address.
+            k: the number of elements of each run, the size of the remaining axes.
+            mshape: the m leading dimensions.
+            strides: the element strides of the m leading axes.
+            c_indice: a core tensor of an integer dtype holding m * n coordinates, row j for axis j; negative ones count from the end.
+            inputshape: the shape of adv_indexing's input.
+
+        Returns:
+            A new core tensor of that shape.
+        """
+
+    def set_adv_indexing(self, n: int, m: int, k: int, mshape: int | Sequence[int], strides: int | Sequence[int], c_indice: Tensor, value: Tensor) -> None:
+        """
+        Writes the runs that n coordinate columns pick, in place; for repeated coordinates the last wins.
+
+        Args:
+            n: the number of coordinate columns (runs).
+            m: the number of leading axes the coordinates address.
+            k: the number of elements of each run, the size of the remaining axes.
+            mshape: the m leading dimensions.
+            strides: the element strides of the m leading axes.
+            c_indice: a core tensor of an integer dtype holding m * n coordinates, row j for axis j; negative ones count from the end.
+            value: a core tensor on the same device of n * k elements, or one element for all; converted to the tensor's dtype.
+        """
+
+    def set_adv_indexing_grad(self, n: int, m: int, k: int, mshape: int | Sequence[int], strides: int | Sequence[int], c_indice: Tensor, out_shape: list[int] | tuple[int, ...]) -> Tensor:
+        """
+        The gradient of set_adv_indexing's value: the runs of this tensor (of the written tensor's shape).
+
+        Args:
+            n: the number of coordinate columns (runs).
+            m: the number of leading axes the coordinates address.
+            k: the number of elements of each run, the size of the remaining axes.
+            mshape: the m leading dimensions.
+            strides: the element strides of the m leading axes.
+            c_indice: a core tensor of an integer dtype holding m * n coordinates, row j for axis j; negative ones count from the end.
+            out_shape: the value's shape, of n * k elements.
+
+        Returns:
+            A new core tensor.
+        """
+
+    def nonzero(self) -> Tensor:
+        """
+        The coordinates of the nonzero elements, numpy.nonzero's arrays stacked.
+
+        Returns:
+            A new int64 core tensor of shape (ndim, count) on the same device.
+        """
+
 CoreTensor: TypeAlias = Tensor
