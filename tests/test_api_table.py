@@ -34,6 +34,7 @@ API = {
             "sign sin sinh sqrt square sub sums tan tanh toposort zeros"
         ),
         "test_export": "get_opinfo",
+        "test_indexing": "get_bdshape_for_slice select set_select",
         "test_host_device": (
             "float2complex helper_function_copy_c_tensor "
             "helper_function_to_cast_core_tensor_dtype"
