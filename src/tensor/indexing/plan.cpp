@@ -394,9 +394,9 @@ std::vector<int64_t> new_axes_after(const std::vector<bool>& none_at, const std:
                                     int64_t bcast_adv_ndim, bool adjacent) {
   std::vector<int64_t> positions;
   int64_t cum = adjacent ? 0 : bcast_adv_ndim;
-  for (size_t ax = 0; ax < none_at.size(); ++ax) {
-    cum += advanced_at[ax] ? 0 : 1;
+  for (size_t ax = 0; ax < none_at.size(); ++ax) {  // entries before ax count
     if (none_at[ax]) positions.push_back(cum);
+    cum += advanced_at[ax] ? 0 : 1;
   }
   return positions;
 }

@@ -3,6 +3,8 @@
 // See Note [two ways of a key] in indexing.h.
 #include "tensor/indexing/indexing.h"
 
+#include <nanobind/stl/string.h>
+
 #include "interop/docs.h"
 #include "interop/interop.h"
 #include "tensor/operator.h"
