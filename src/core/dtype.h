@@ -3,6 +3,7 @@
 #include <complex>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "core/error.h"
 
@@ -108,7 +109,14 @@ inline To cast_value(From v) {
     else
       return To(typename To::value_type(v), 0);
   } else if constexpr (is_complex_v<From>) {
-    return static_cast<To>(v.real());
+    return cast_value<To>(v.real());
+  } else if constexpr (std::is_floating_point_v<From> && std::is_integral_v<To>) {
+    // Defined for every value (a plain cast out of range is undefined): through
+    // int64, NaN and values beyond it giving its minimum as x86 does, then
+    // wrapped to To's width.
+    constexpr From lo = From(-9223372036854775808.0), hi = From(9223372036854775808.0);
+    int64_t wide = (v >= lo && v < hi) ? static_cast<int64_t>(v) : std::numeric_limits<int64_t>::min();
+    return static_cast<To>(static_cast<std::make_unsigned_t<To>>(static_cast<uint64_t>(wide)));
   } else {
     return static_cast<To>(v);
   }

@@ -6,27 +6,11 @@
 #include <cstring>
 
 #include "core/kernels/host_kernels.h"
+#include "core/kernels/loops.h"
 #include "core/parallel.h"
 
 namespace tramel {
 namespace {
-
-struct Bits16 {
-  uint64_t lo, hi;
-};
-template <size_t N>
-using bits_t = std::conditional_t<
-    N == 1, uint8_t,
-    std::conditional_t<N == 2, uint16_t, std::conditional_t<N == 4, uint32_t, std::conditional_t<N == 8, uint64_t, Bits16>>>>;
-
-// Calls fn(TypeTag<U>{}) with U an unsigned type as wide as dtype's elements.
-template <typename F>
-void dispatch_bits(DType dtype, const char* op, F&& fn) {
-  dispatch<kAllTypes>(dtype, op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    fn(TypeTag<bits_t<sizeof(T)>>{});
-  });
-}
 
 // a += b as numpy's add.at forms it: integers wrap, bools or.
 template <typename T>

@@ -8,23 +8,6 @@
 namespace tramel {
 namespace {
 
-struct Bits16 {
-  uint64_t lo, hi;
-};
-template <size_t N>
-using bits_t = std::conditional_t<
-    N == 1, uint8_t,
-    std::conditional_t<N == 2, uint16_t, std::conditional_t<N == 4, uint32_t, std::conditional_t<N == 8, uint64_t, Bits16>>>>;
-
-// Calls fn(TypeTag<U>{}) with U an unsigned type as wide as t's elements.
-template <typename F>
-void dispatch_bits(const Tensor& t, const char* op, F&& fn) {
-  dispatch<kAllTypes>(t.dtype(), op, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    fn(TypeTag<bits_t<sizeof(T)>>{});
-  });
-}
-
 // A permutation with axes of length one dropped and axes that stay adjacent
 // and in order merged: in_dims are the merged input axes, and output axis i
 // is input axis perm[i].
@@ -135,7 +118,7 @@ void transpose(const Tensor& t, Tensor& out, const int* perm) {
     std::memcpy(out.raw(), t.raw(), t.nbytes());
     return;
   }
-  dispatch_bits(t, "transpose", [&](auto tag) {
+  dispatch_bits(t.dtype(), "transpose", [&](auto tag) {
     using U = typename decltype(tag)::type;
     transpose_copy(static_cast<const U*>(t.raw()), static_cast<U*>(out.raw()), c);
   });
@@ -159,7 +142,7 @@ void flip(const Tensor& t, Tensor& out, const bool* flipped) {
     std::memcpy(out.raw(), t.raw(), t.nbytes());
     return;
   }
-  dispatch_bits(t, "flip", [&](auto tag) {
+  dispatch_bits(t.dtype(), "flip", [&](auto tag) {
     using U = typename decltype(tag)::type;
     const U* in = static_cast<const U*>(t.raw());
     U* o = static_cast<U*>(out.raw());
