@@ -278,27 +278,27 @@ def test_zero_grad():
     (lambda: QTensor([1, 2]), None, ValueError, "Only Float or Complex tensor can calculate gradient."),
     (lambda: QTensor([True], requires_grad=True), None, ValueError,
      "Only Float or Complex tensor can calculate gradient."),
-    (lambda: QTensor([1.0]), QTensor([1j]), ValueError,
+    (lambda: QTensor([1.0]), lambda: QTensor([1j]), ValueError,
      "Only Float input gradient is accepted by Float output."),
-    (lambda: leaf([1j]), QTensor([1.0]), ValueError,
+    (lambda: leaf([1j]), lambda: QTensor([1.0]), ValueError,
      "Complex tensor output's gradient should be explicit defined as Complex."),
-    (lambda: QTensor([1j]), CoreTensor(np.array([1.0]), 0, -1), ValueError,
+    (lambda: QTensor([1j]), lambda: CoreTensor(np.array([1.0]), 0, -1), ValueError,
      "Complex tensor output's gradient should be explicit defined as Complex."),
     (lambda: QTensor([1.0]), None, RuntimeError, "output requires_grad is False."),
     (lambda: QTensor([1.0], requires_grad=0), None, RuntimeError, "output requires_grad is False."),
     (lambda: leaf([1.0], device=GPU0), np.array([1.0]), ValueError,
      " input grad should not be ndarray,if current Tensor is on GPU device."),
-    (lambda: leaf([1.0]), CoreTensor(np.array([1.0]), GPU0, -1), RuntimeError,
+    (lambda: leaf([1.0]), lambda: CoreTensor(np.array([1.0]), GPU0, -1), RuntimeError,
      "grads calculated in backward() stores in different devices 1000 and 0."),
-    (lambda: leaf([1.0], device=GPU0), QTensor([1.0], device=GPU1), RuntimeError,
+    (lambda: leaf([1.0], device=GPU0), lambda: QTensor([1.0], device=GPU1), RuntimeError,
      "grads calculated in backward() stores in different devices 1001 and 1000."),
-    (lambda: leaf([1.0], device=GPU0), QTensor([1.0]), RuntimeError,
+    (lambda: leaf([1.0], device=GPU0), lambda: QTensor([1.0]), RuntimeError,
      "grads calculated in backward() stores in different devices 0 and 1000."),
 ])
 def test_backward_refusals(make, seed, exc, msg):
     t = make()
     with pytest.raises(exc) as info:
-        t.backward(seed)
+        t.backward(seed() if callable(seed) else seed)  # tensors made now, not at collection
     assert str(info.value) == msg
     if "device" in msg:  # refused after the gradient field was made
         np.testing.assert_array_equal(val(t.grad), [0.0])
@@ -316,13 +316,14 @@ def test_seed_without_dtype_fails_before_conversion():
 @pytest.mark.parametrize("dtype,seed,expected", [
     (D.kfloat32, None, [1.0, 1.0]),
     (D.kcomplex64, None, [1 + 0j, 1 + 0j]),
-    (D.kcomplex128, QTensor([1j, 2.0], dtype=D.kcomplex64), [1j, 2.0]),
-    (D.kfloat32, QTensor([2.0, 3.0], dtype=D.kfloat64), [2.0, 3.0]),
+    (D.kcomplex128, lambda: QTensor([1j, 2.0], dtype=D.kcomplex64), [1j, 2.0]),
+    (D.kfloat32, lambda: QTensor([2.0, 3.0], dtype=D.kfloat64), [2.0, 3.0]),
     (D.kfloat64, np.array([4, 5]), [4.0, 5.0]),
-    (D.kfloat64, CoreTensor(np.array([True, False]), 0, -1), [1.0, 0.0]),
+    (D.kfloat64, lambda: CoreTensor(np.array([True, False]), 0, -1), [1.0, 0.0]),
 ])
 def test_backward_on_a_leaf_seeds_and_accumulates(dtype, seed, expected):
     t = leaf([0.5, 0.25], dtype=dtype)
+    seed = seed() if callable(seed) else seed  # tensors made now, not at collection
     t.backward(seed)
     assert t.grad.dtype == dtype
     np.testing.assert_array_equal(val(t.grad), expected)

@@ -165,14 +165,15 @@ int64_t index_resolve(const Tensor& indices, const GatherLayout& s, int64_t* sta
             int64_t v = int64_t(row[c]);
             v += v < 0 ? size : 0;
             row_ok &= uint64_t(v) < uint64_t(size);
-            starts[c] = v * stride;
+            // Unsigned: a bad coordinate's start may wrap; it is never used.
+            starts[c] = int64_t(uint64_t(v) * uint64_t(stride));
           }
         } else {
           for (int64_t c = b; c < e; ++c) {
             int64_t v = int64_t(row[c]);
             v += v < 0 ? size : 0;
             row_ok &= uint64_t(v) < uint64_t(size);
-            starts[c] += v * stride;
+            starts[c] = int64_t(uint64_t(starts[c]) + uint64_t(v) * uint64_t(stride));
           }
         }
         if (!row_ok) {
