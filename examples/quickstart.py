@@ -2,7 +2,7 @@
 import numpy as np
 
 from pytramel.dtype import kfloat64
-from pytramel.tensor.tensor import CoreTensor, QTensor
+from pytramel.tensor.tensor import CoreTensor, QTensor, sums
 
 x = QTensor([2.0], requires_grad=True)
 y = QTensor([3.0], requires_grad=True)
@@ -25,3 +25,13 @@ w = QTensor(np.array([1.5, -0.5], np.float32), requires_grad=True)
 w.astype(kfloat64).backward()
 print("grad of w:", w.grad.getdata(), w.grad.dtype == w.dtype)
 print("core tensor:", CoreTensor(np.eye(2), 0, -1))
+
+# Indexing: a read is differentiable, and a set keeps the target's graph while
+# linking the value written (it receives the gradient of the region).
+theta = QTensor(np.arange(6.0).reshape(2, 3), requires_grad=True)
+v = QTensor([10.0, 20.0], requires_grad=True)
+psi = theta * 1.0
+psi[:, 0] = v
+loss = sums(psi[[0, 1], [2, 0]] * QTensor([3.0, 4.0]))
+loss.backward()
+print("grad of theta:", theta.grad.getdata().tolist(), " grad of v:", v.grad.getdata().tolist())
