@@ -227,6 +227,7 @@ void append_mask(Key& key, nb::handle it, const Shape& shape, int64_t axis) {
 
 Key expand_key(nb::handle item, const Shape& shape, bool* use_advance) {
   Key key;
+  key.reserve(size_t(shape.rank()) + 2);
   int64_t num_none = 0, axes_taken = 0;
   *use_advance = false;
   nb::object iterator = nb::steal(PyObject_GetIter(item.ptr()));
@@ -404,6 +405,11 @@ std::vector<int64_t> new_axes_after(const std::vector<bool>& none_at, const std:
 }  // namespace
 
 AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
+  // The usual key, one index array for axis 0 and every other axis whole,
+  // plans to that array itself (what the steps below give it).
+  if (int64_t(key.size()) == data_shape.rank() && !key.empty() && key.front().kind == KeyEntry::Kind::Array &&
+      std::all_of(key.begin() + 1, key.end(), [](const KeyEntry& e) { return e.full_slice(); }))
+    return AdvancedPlan{{key.front().array}, {}};
   std::vector<const KeyEntry*> key_nd;
   for (const KeyEntry& e : key)
     if (e.kind != KeyEntry::Kind::None) key_nd.push_back(&e);
@@ -414,11 +420,6 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
   if (ndim > rank)
     throw nb::index_error(("too many indices (" + std::to_string(ndim) + ") for array with " + std::to_string(rank) +
                            " dimensions").c_str());
-  // The usual key, one index array for axis 0 and every other axis whole,
-  // plans to that array itself (what the steps below give it).
-  if (!key.empty() && key.front().kind == KeyEntry::Kind::Array && int64_t(key.size()) == ndim &&
-      std::all_of(key.begin() + 1, key.end(), [](const KeyEntry& e) { return e.full_slice(); }))
-    return AdvancedPlan{{key.front().array}, {}};
   std::vector<int64_t> adv_axs, adv_axs_nd, nonadv_axs_nd;
   std::vector<bool> none_at(key.size()), advanced_at(key.size());
   for (size_t ax = 0; ax < key.size(); ++ax) {
