@@ -466,6 +466,11 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape) {
 
 void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape, int64_t m, GatherLayout& layout,
                         std::vector<int64_t>& oshape) {
+  if (ishape.empty()) throw nb::index_error("tuple index out of range");  // ishape[0]
+  if (m < 0 || m > dshape.rank() || ishape[0] < 0)
+    throw nb::index_error(("m = " + std::to_string(m) + " and ishape[0] = " + std::to_string(ishape[0]) +
+                           " must be indexed axes of a shape of " + std::to_string(dshape.rank()) + " axes")
+                              .c_str());
   int64_t k = 1;
   for (int i = int(m); i < dshape.rank(); ++i) k *= dshape[i];
   layout.m = m;
@@ -484,7 +489,7 @@ void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape,
   if (axes > kMaxResultAxes)
     throw nb::index_error("index 15 is out of bounds for axis 0 with size 15");
   oshape.assign(ishape.begin() + 1, ishape.end());
-  for (int i = int(ishape[0]); i < dshape.rank(); ++i) oshape.push_back(dshape[i]);
+  for (int64_t i = ishape[0]; i < dshape.rank(); ++i) oshape.push_back(dshape[int(i)]);
 }
 
 Gather gather_of(const AdvancedPlan& plan, const Shape& data_shape) {
@@ -569,9 +574,14 @@ Key key_from(nb::handle seq) {
   return key;
 }
 
+// Integers as Python indexes them: ints and numpy integers, not floats.
 std::vector<int64_t> ints_of(nb::handle seq) {
   std::vector<int64_t> v;
-  for (nb::handle it : nb::iter(seq)) v.push_back(nb::cast<int64_t>(nb::int_(it)));
+  for (nb::handle it : nb::iter(seq)) {
+    nb::object index = nb::steal(PyNumber_Index(it.ptr()));
+    if (!index.is_valid()) throw nb::python_error();
+    v.push_back(nb::cast<int64_t>(index));
+  }
   return v;
 }
 
@@ -633,7 +643,13 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
              "where the None entries stand in the axes of a value for assignment.").c_str());
   m.def("_broadcast_advanced_indices", [](nb::handle arrays, nb::handle block_axes) {
     std::vector<IndexArray> converted;
-    for (nb::handle a : nb::iter(arrays)) converted.push_back(plain_entry(a).array);
+    for (nb::handle a : nb::iter(arrays)) {
+      KeyEntry e = plain_entry(a);
+      if (e.kind != KeyEntry::Kind::Array)
+        throw nb::type_error(("_broadcast_advanced_indices expects integer arrays, got " +
+                              py_text(nb::handle(reinterpret_cast<PyObject*>(Py_TYPE(a.ptr()))))).c_str());
+      converted.push_back(std::move(e.array));
+    }
     return nb::tuple(numpy_list(broadcast_indices(converted, ints_of(block_axes))));
   }, nb::arg("arrays"), nb::arg("block_axes"),
      py::doc("Broadcasts the index arrays of a plan to one shape: the block together, the others each along its axis.",
@@ -673,7 +689,10 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
       throw nb::python_error();
     }
     std::vector<int64_t> out(i.begin() + 1, i.end());
-    if (i[0] < int64_t(d.size())) out.insert(out.end(), d.begin() + i[0], d.end());
+    if (i[0] < int64_t(d.size())) {  // dshape[ishape[0]:], a negative start counting from the end
+      int64_t start = i[0] < 0 ? std::max<int64_t>(int64_t(d.size()) + i[0], 0) : i[0];
+      out.insert(out.end(), d.begin() + start, d.end());
+    }
     return shape_tuple(out);
   }, nb::arg("dshape"), nb::arg("ishape"),
      py::doc("The shape of a gather's result: the index array's axes after the first, then the axes not indexed.",
