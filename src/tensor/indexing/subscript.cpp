@@ -222,6 +222,10 @@ void setitem(nb::handle self, nb::handle key, nb::handle value_in) {
       PyErr_Clear();
       throw nb::value_error("set value should be QTensor ");  // (sic) the trailing blank
     }
+    // The number's tensor joins an accelerator target, so that the device the
+    // advanced sets give the target is the one its data is on.
+    int target_device = core_of(target, "__setitem__").device();
+    if (target_device != kCpuDevice) move_to_device(value, target_device);
   }
   if (core_of(value, "__setitem__").dtype() != dtype) value = nb::borrow(value).attr("astype")(int(dtype));
   if (PyLong_Check(key.ptr())) {
