@@ -48,11 +48,6 @@ def test_host_copies(dt, nptype, device):
     assert (t.device, t.data.device) == (device, device)
 
 
-def test_module_constants():
-    assert tt.numeric_types == (float, int, np.generic)
-    assert tt.slice_none_Placeholder == 2147483646
-
-
 # ----------------------------------------------------------------- copies and clones
 
 def test_copy_is_cut_off_from_the_graph():
