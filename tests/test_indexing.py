@@ -609,6 +609,9 @@ def test_an_accelerator_gives_the_same_values_and_gradients(key):
         v = QTensor(data(y.shape, seed=6), requires_grad=True, device=device)
         target = QTensor(a, device=device) * 1.0
         target[on(key, device)] = v
+        filled = QTensor(a, device=device)
+        filled[on(key, device)] = 1.5  # a number joins the target's device on every way
+        assert (filled.device, filled.data.device) == (device, device)
         sums(y * QTensor(np.ones(y.shape), device=device)).backward()
         sums(target * QTensor(w, device=device)).backward()
         assert (y.device, y.data.device, x.grad.data.device, target.data.device) == (device,) * 4
