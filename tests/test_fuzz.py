@@ -1,31 +1,30 @@
 """Fuzzing: every public callable of both extension modules, called with bad and odd arguments.
 
-The callables are found by introspection (`discover`): the functions of `pytramel.tensor.tensor`
-(its `_`-helpers included), of `pytramel._core` and of `_core.tramel` (their `_`-names are test
-hooks and stay out), and the constructors, methods, slots, static methods and properties of every
-class those modules define. A new operator is fuzzed as soon as it is bound.
+`discover` finds the callables: the functions of `pytramel.tensor.tensor` (its `_`-helpers
+included), of `pytramel._core` and `_core.tramel` (whose `_`-names are test hooks and stay out),
+and the constructors, methods, slots, static methods and properties of every class they define.
 
-The calls run in a child process (this file, run as a script). Before each call the child writes
-it to a pipe as a Python expression that rebuilds it; when the child dies (a signal, a sanitizer's
-abort, a non-zero exit) or writes nothing for PYTRAMEL_FUZZ_STALL_S seconds, the last call written
-is reported and a new child goes on with the next one. Each call's arguments come from a generator
-seeded by (seed, call number), so a run is reproducible and can resume anywhere. A call also fails
-when it raises SystemError or reports a pending Python error, raises outside ALLOWED_EXCEPTIONS,
-returns a new QTensor whose `device` disagrees with its `data.device`, or damages the guard bytes
-after an emulated accelerator's buffer. The child runs under an address-space limit
-(PYTRAMEL_FUZZ_ADDRESS_SPACE_MB), so huge integers and shapes are fuzzed freely.
+A child process (this file, run as a script) makes the calls, writing each to a pipe first as an
+expression that rebuilds it: when the child dies (a signal, a sanitizer's abort, an exit status)
+or writes nothing for PYTRAMEL_FUZZ_STALL_S seconds, the last call written is reported and a new
+child goes on. Arguments come from a generator seeded by (seed, call number), so a run is
+reproducible and resumes anywhere. A call also fails on SystemError or a pending Python error, an
+exception outside ALLOWED_EXCEPTIONS, a new QTensor whose `device` disagrees with `data.device`,
+or damaged guard bytes after an emulated accelerator's buffer. The child runs under an
+address-space limit (PYTRAMEL_FUZZ_ADDRESS_SPACE_MB), so huge integers and shapes are fuzzed freely.
 
-More calls by hand (docs/fuzzing.md):
+More calls, and one reported call alone in a fresh process (docs/fuzzing.md):
     PYTRAMEL_FUZZ_CALLS=1000000 PYTRAMEL_FUZZ_SEED=7 python -m pytest -q -s tests/test_fuzz.py -k every_public
-and one reported call alone, in a fresh process:
     python tests/test_fuzz.py --replay "_core.Tensor(np.timedelta64(5))"
 """
 import collections
 import faulthandler
+import functools
 import inspect
 import json
 import math
 import os
+import queue
 import random
 import re
 import select
@@ -34,6 +33,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import warnings
 
@@ -68,55 +68,41 @@ SKIPPED_CLASS_NAMES = set(
     "__dataclass_fields__ __dataclass_params__ __match_args__ __slots__ __qualname__".split())
 
 Param = collections.namedtuple("Param", "name annotation optional keyword_only", defaults=("", False, False))
-
-
-class Target:
-    """One callable: `expr` names it in a call line; `kind` is call, method, get or set."""
-
-    def __init__(self, expr, fn, kind, signatures=None, owner=None, prop=None, name=None):
-        self.expr, self.fn, self.kind, self.signatures, self.owner, self.prop = expr, fn, kind, signatures, owner, prop
-        self.name = name or expr   # signatures: [[Param]], one list per overload, `self` left out
-
-    def __repr__(self):
-        return f"Target({self.name})"
-
-
-def _nb_params(sig):
-    """Params of one nanobind signature 'def f(a: int, b: X = \\0) -> R'."""
-    parts, depth, cur = [], 0, ""
-    for ch in sig[sig.index("(") + 1:]:
-        if ch == ")" and depth == 0:
-            break
-        depth += (ch in "([{") - (ch in ")]}")
-        if ch == "," and depth == 0:
-            parts, cur = parts + [cur.strip()], ""
-        else:
-            cur += ch
-    params, keyword_only = [], False
-    for part in filter(None, parts + [cur.strip()]):
-        if part == "/" or part.startswith("**"):
-            continue
-        if part.startswith("*"):
-            keyword_only = True
-            continue
-        name, _, rest = part.partition(":")
-        annotation, eq, _ = rest.partition("=")
-        if not rest:
-            name, eq, _ = part.partition("=")
-        params.append(Param(name.strip(), annotation.strip(), bool(eq), keyword_only))
-    return params
+# One callable: `expr` names it in a call line, `kind` is call, method, get or set; `signatures`
+# holds one [Param] per overload, `self` left out.
+Target = collections.namedtuple("Target", "expr fn kind signatures owner prop name", defaults=(None,) * 4)
 
 
 def _signatures(fn, drop_self):
-    if getattr(fn, "__nb_signature__", None):
-        sigs = [_nb_params(entry[0]) for entry in fn.__nb_signature__]
-        return [p[1:] if drop_self and p and p[0].name == "self" else p for p in sigs]
-    try:
-        params = list(inspect.signature(fn).parameters.values())[int(drop_self):]
-    except (TypeError, ValueError):
-        return [[Param(f"arg{i}", optional=True) for i in range(3)]]
-    return [[Param(p.name, "" if p.annotation is p.empty else str(p.annotation), p.default is not p.empty,
-                   p.kind == p.KEYWORD_ONLY) for p in params if p.kind not in (p.VAR_POSITIONAL, p.VAR_KEYWORD)]]
+    """[[Param]] of every overload: from nanobind's 'def f(a: int, b: X = \\0) -> R' texts, else
+    from inspect; three optional positional ones where neither knows."""
+    if not getattr(fn, "__nb_signature__", None):
+        try:
+            params = list(inspect.signature(fn).parameters.values())[int(drop_self):]
+        except (TypeError, ValueError):
+            return [[Param(f"arg{i}", optional=True) for i in range(3)]]
+        return [[Param(p.name, "" if p.annotation is p.empty else str(p.annotation), p.default is not p.empty,
+                       p.kind == p.KEYWORD_ONLY) for p in params if p.kind not in (p.VAR_POSITIONAL, p.VAR_KEYWORD)]]
+    out = []
+    for sig, *_ in fn.__nb_signature__:
+        parts, depth, cur = [], 0, ""
+        for ch in sig[sig.index("(") + 1:]:
+            if ch == ")" and depth == 0:
+                break
+            depth += (ch in "([{") - (ch in ")]}")
+            parts, cur = (parts + [cur.strip()], "") if ch == "," and depth == 0 else (parts, cur + ch)
+        params, keyword_only = [], False
+        for part in filter(None, parts + [cur.strip()]):
+            keyword_only = keyword_only or (part.startswith("*") and not part.startswith("**"))
+            if part == "/" or part.startswith("*"):
+                continue
+            name, _, rest = part.partition(":")
+            annotation, eq, _ = rest.partition("=")
+            if not rest:
+                name, eq, _ = part.partition("=")
+            params.append(Param(name.strip(), annotation.strip(), bool(eq), keyword_only))
+        out.append(params[1:] if drop_self and params and params[0].name == "self" else params)
+    return out
 
 
 def _own(obj):
@@ -128,11 +114,15 @@ def discover(modules):
     """Every fuzzed callable of the modules, given as [(short name, module)]: ("tensor", T), ..."""
     targets, seen, classes = [], set(), []
 
+    def add(obj, expr, *args, **kw):
+        if id(obj) not in seen:
+            seen.add(id(obj))
+            targets.append(Target(expr, obj, "call", *args, **kw))
+            if inspect.isclass(obj):
+                classes.append((obj, expr))
+
     def add_class(cls, expr):
-        if id(cls) not in seen:
-            seen.add(id(cls))
-            classes.append((cls, expr))
-            targets.append(Target(expr, cls, "call", _signatures(cls.__init__, True) if "__init__" in vars(cls) else [[]]))
+        add(cls, expr, _signatures(cls.__init__, True) if "__init__" in vars(cls) else [[]])
 
     for short, mod in modules:
         for attr in sorted(dir(mod)):
@@ -142,9 +132,8 @@ def discover(modules):
                 continue
             if inspect.isclass(obj):   # an alias goes by the class's own name
                 add_class(obj, f"{short}.{obj.__name__ if getattr(mod, obj.__name__, None) is obj else attr}")
-            elif id(obj) not in seen:
-                seen.add(id(obj))
-                targets.append(Target(f"{short}.{attr}", obj, "call", _signatures(obj, False)))
+            else:
+                add(obj, f"{short}.{attr}", _signatures(obj, False))
     for cls, cexpr in classes:   # nested classes join the list while it is walked
         for attr, raw in sorted(vars(cls).items()):
             expr = f"{cexpr}.{attr}"
@@ -154,23 +143,30 @@ def discover(modules):
                 if _own(raw):
                     add_class(raw, expr)
             elif isinstance(raw, property):
-                for kind, fn in (("get", raw.fget), ("set", raw.fset)):
-                    if fn is not None:
-                        targets.append(Target(f"{cexpr}.__dict__[{attr!r}].f{kind}", fn, kind, owner=cls, prop=attr,
-                                              name=f"{expr}.{kind}"))
+                targets += [Target(f"{cexpr}.__dict__[{attr!r}].f{kind}", fn, kind, owner=cls, prop=attr,
+                                   name=f"{expr}.{kind}") for kind, fn in (("get", raw.fget), ("set", raw.fset)) if fn]
             elif isinstance(raw, (staticmethod, classmethod)):
                 targets.append(Target(expr, getattr(cls, attr), "call", _signatures(getattr(cls, attr), False)))
             elif callable(raw):
                 method = type(raw).__name__ != "nb_func"   # a bare nb_func in a class is a static method
                 targets.append(Target(expr, raw, "method" if method else "call", _signatures(raw, method),
                                       owner=cls if method else None))
-    return targets
+    return [t._replace(name=t.name or t.expr) for t in targets]
 
 
 # ------------------------------------------------------------------- the values calls are made of
 #
 # Every argument is an expression over the names of `namespace()`; the call line is the target's
-# expression applied to them, so a reported call can be run again as it stands.
+# expression applied to them, so a reported call can be run again as it stands. Tables are
+# ';'-separated expressions.
+
+def _throw(e):
+    raise e
+
+
+def _table(text):
+    return [e.strip() for e in text.split(";")]
+
 
 DTYPE_NAMES = "bool uint8 int8 int16 int32 int64 float32 float64 complex64 complex128".split()
 SHAPES = [(), (0,), (1,), (2,), (3,), (5,), (2, 3), (3, 1), (1, 3), (2, 0), (0, 3), (3, 3),
@@ -183,42 +179,50 @@ ODD_INTS = ("0 1 2 3 -1 -2 -3 5 16 17 1000 2**31-1 2**31 -2**31 -2**31-1 2**32 2
             "-2**63-1 2**64 10**30 -10**30 True False").split()
 SMALL_INTS = "0 1 2 -1 -2 3 -3 4".split()
 ODD_FLOATS = "0.0 -0.0 1.0 -1.5 0.5 2.5 1e-300 5e-324 1e308 -1e308 nan inf -inf 2.0**63 1e20".split()
-ODD_COMPLEX = ["1j", "(1+2j)", "(-0.5+0j)", "complex(nan, inf)", "complex(inf, 0)", "0j"]
-NUMPY_SCALARS = ["np.int64(-1)", "np.int64(2**63-1)", "np.uint64(2**64-1)", "np.int8(-128)", "np.uint8(255)",
-                 "np.int32(3)", "np.uint16(7)", "np.float32(nan)", "np.float32(0.5)", "np.float64(-inf)",
-                 "np.float16(1.5)", "np.bool_(True)", "np.complex64(1j)", "np.complex128(complex(2, -1))",
-                 "np.longdouble(1)", "np.str_('a')", "np.datetime64('2020')", "np.timedelta64(5)"]
-NUMPY_ARRAYS = ["np.array(2)", "np.array([1, 2])", "np.array([])", "np.zeros((2, 0))", "np.array([1.5, -2.0])",
-                "np.array(['a', 'b'])", "np.array([None, 1], dtype=object)", "np.ones(3, dtype=np.float16)",
-                "np.array([2**63], dtype=np.uint64)", "np.arange(12.0).reshape(3, 4).T", "np.arange(10.0)[::-1]",
-                "np.arange(4, dtype='>i4')", "np.zeros(2, dtype=[('a', 'i4')])", "np.broadcast_to(np.arange(3.0), (4, 3))",
-                "np.array(['2020'], dtype='datetime64[D]')", "np.array([3], dtype='timedelta64[s]')",
-                "np.array([nan, inf, -inf])", "np.ones((1,) * 17)", "np.ones((2, 3), dtype=np.complex64)",
-                "np.array([True, False])", "np.array(5, dtype=np.int8)", "np.array([[1, 2], [3, 4]], order='F')",
-                "np.ones((3,), dtype=np.longdouble)", "np.array([1, 2], dtype=np.uint8)"]
-LISTS = ["[]", "[[]]", "[[], []]", "[1, [2]]", "[[1, 2], [3]]", "[1, 'a']", "[None]", "[1.5, 2]", "[True, 2]",
-         "[1+1j, 2]", "[2**63]", "[-1, -1]", "[0, -1]", "[1] * 17", "(1, 2)", "()", "(3,)", "[2, 3]", "[-1]",
-         "[3, -1]", "[1, 2, 3]", "[0]", "[2**31, 2**31]", "list(range(20))", "[nan]", "[inf, 1]", "[[1, 2], [3, 4]]",
-         "[[[1.0]]]", "[[1, 2], 3]", "range(3)", "deep(17)", "deep(3000)", "[np.int64(2), np.int64(3)]",
-         "[np.float64(1.5)]", "[np.array(1)]", "[np.datetime64('2020')]", "(2**63,)", "[-2**63]", "[1, None]"]
-STRINGS = ["''", "'a'", "'float32'", "'kfloat32'", "'save_opinfo'", "'save_constant'", "'cpu'", "'\\x00'",
-           "'\\u00e9'", "'x' * 10000", "b'ab'", "bytearray(b'ab')", "memoryview(b'abcd')"]
-OTHERS = ["None", "None", "None", "Ellipsis", "slice(None)", "slice(1, 2)", "object()", "{}", "{'a': 1}", "set()",
-          "frozenset([1])", "int", "float", "QT", "CT", "len", "abs", "NotImplemented", "OddIndex()", "OddFloat()",
-          "BadLen()"]
-CALLABLES = ["f_none", "f_ident", "f_raise", "f_tuple", "f_args", "len", "abs", "QT", "gf('exp')", "gf('mul')",
-             "gf('sums')", "None", "1"]
+ODD_COMPLEX = _table("1j; (1+2j); (-0.5+0j); complex(nan, inf); complex(inf, 0); 0j")
+NUMPY_SCALARS = _table("""np.int64(-1); np.int64(2**63-1); np.uint64(2**64-1); np.int8(-128); np.uint8(255);
+    np.int32(3); np.uint16(7); np.float32(nan); np.float32(0.5); np.float64(-inf); np.float16(1.5); np.bool_(True);
+    np.complex64(1j); np.complex128(complex(2, -1)); np.longdouble(1); np.str_('a'); np.datetime64('2020');
+    np.timedelta64(5)""")
+NUMPY_ARRAYS = _table("""np.array(2); np.array([1, 2]); np.array([]); np.zeros((2, 0)); np.array([1.5, -2.0]);
+    np.array(['a', 'b']); np.array([None, 1], dtype=object); np.ones(3, dtype=np.float16);
+    np.array([2**63], dtype=np.uint64); np.arange(12.0).reshape(3, 4).T; np.arange(10.0)[::-1];
+    np.arange(4, dtype='>i4'); np.zeros(2, dtype=[('a', 'i4')]); np.broadcast_to(np.arange(3.0), (4, 3));
+    np.array(['2020'], dtype='datetime64[D]'); np.array([3], dtype='timedelta64[s]'); np.array([nan, inf, -inf]);
+    np.ones((1,) * 17); np.ones((2, 3), dtype=np.complex64); np.array([True, False]); np.array(5, dtype=np.int8);
+    np.array([[1, 2], [3, 4]], order='F'); np.ones((3,), dtype=np.longdouble); np.array([1, 2], dtype=np.uint8)""")
+LISTS = _table("""[]; [[]]; [[], []]; [1, [2]]; [[1, 2], [3]]; [1, 'a']; [None]; [1.5, 2]; [True, 2]; [1+1j, 2];
+    [2**63]; [-1, -1]; [0, -1]; [1] * 17; (1, 2); (); (3,); [2, 3]; [-1]; [3, -1]; [1, 2, 3]; [0]; [2**31, 2**31];
+    list(range(20)); [nan]; [inf, 1]; [[1, 2], [3, 4]]; [[[1.0]]]; [[1, 2], 3]; range(3); deep(17); deep(3000);
+    [np.int64(2), np.int64(3)]; [np.float64(1.5)]; [np.array(1)]; [np.datetime64('2020')]; (2**63,); [-2**63];
+    [1, None]""")
+STRINGS = _table("""''; 'a'; 'float32'; 'kfloat32'; 'save_opinfo'; 'save_constant'; 'cpu'; '\\x00'; '\\u00e9';
+    'x' * 10000; b'ab'; bytearray(b'ab'); memoryview(b'abcd')""")
+OTHERS = _table("""None; None; None; Ellipsis; slice(None); slice(1, 2); object(); {}; {'a': 1}; set();
+    frozenset([1]); int; float; QT; CT; len; abs; NotImplemented; OddIndex(); OddFloat(); BadLen()""")
+CALLABLES = _table("f_none; f_ident; f_raise; f_tuple; f_args; len; abs; QT; gf('exp'); gf('mul'); gf('sums'); None; 1")
 # Tensors and graph objects that operators meet least often: 0-d, empty, on an accelerator,
 # rank 16, non-finite values, results with edges, edges whose derivative raises.
-ODD_TENSORS = ["qt((), 'float64')", "qt((0,), 'float32')", "qt((2, 0), 'complex64', 1000)", "qt((3,), 'bool', 1001)",
-               "qt((), 'int8', 1000, True)", "qt((1,) * 16, 'float32', 0, True)",
-               "qt((3,), 'float32', 1000, True, 'special')", "qt((2, 3), 'uint8', 0, 'yes')",
-               "res('exp', qt((2, 3), 'float32', 1001, True))", "res('sums', qt((), 'float64', 0, True))",
-               "ct((), 'int8')", "ct((0, 3), 'uint8', 1001)", "ct((2, 2), 'complex128', 1000, 'special')",
-               "gn(qt((2,), 'float32'), f_raise)", "gf('exp')", "T.toposort(qt((2,), 'float32'))"]
+ODD_TENSORS = _table("""qt((), 'float64'); qt((0,), 'float32'); qt((2, 0), 'complex64', 1000);
+    qt((3,), 'bool', 1001); qt((), 'int8', 1000, True); qt((1,) * 16, 'float32', 0, True);
+    qt((3,), 'float32', 1000, True, 'special'); qt((2, 3), 'uint8', 0, 'yes');
+    res('exp', qt((2, 3), 'float32', 1001, True)); res('sums', qt((), 'float64', 0, True)); ct((), 'int8');
+    ct((0, 3), 'uint8', 1001); ct((2, 2), 'complex128', 1000, 'special'); gn(qt((2,), 'float32'), f_raise);
+    gf('exp'); T.toposort(qt((2,), 'float32'))""")
 # Every odd value once: a sweep gives each to each callable in turn.
 ODD_VALUES = list(dict.fromkeys(ODD_INTS + ODD_FLOATS + ODD_COMPLEX + NUMPY_SCALARS + NUMPY_ARRAYS + LISTS
                                 + STRINGS + OTHERS + CALLABLES + ODD_TENSORS))
+# A typed generator's (well-formed, odd) values; no odd table: any value.
+CHOICES = {k: (_table(good) if isinstance(good, str) else good, odd and _table(odd)) for k, (good, odd) in {
+    "device": ("0; 0; 1000; 1001", "1002; -1; 999; 1; 2**31; 2**63; None; np.int64(1000); 'cpu'; 1000.0; True"),
+    "dtype": ("0; 1; 2; 3; 4; 5; 6; 7; 8; 9",
+              "-1; 10; 99; None; 2**63; np.float32; 'float32'; np.int64(6); True; 6.0; np.dtype('float64')"),
+    "real": (ODD_FLOATS + SMALL_INTS, None),
+    "scalar": (ODD_FLOATS + SMALL_INTS + ODD_COMPLEX + NUMPY_SCALARS + ["True", "False"] + ODD_INTS, None),
+}.items()}
+COUNTS = ["0", "1", "3", "5", "16"]
+TRUTHY = _table("True; False; 0; 1; None; 'x'; []; np.bool_(True); np.array([1, 2]); qt((2,), 'float32')")
+RESULT_OPS = "exp neg square sums mean tanh log_softmax abs".split()
 
 
 def namespace():
@@ -254,46 +258,25 @@ def namespace():
         return y.nodes[0].df
 
     def res(op, x):
-        """A graph result: op applied to x (a tensor with edges), or x where op refuses its dtype."""
+        """op applied to x (a tensor with edges), or x where op refuses its dtype."""
         try:
             return getattr(T, op)(x)
         except (TypeError, ValueError, IndexError, RuntimeError):
             return x
 
-    def deep(n):
-        v = 1.0
-        for _ in range(n):
-            v = [v]
-        return v
-
-    class OddIndex:
-        def __index__(self):
-            return 2**63
-
-    class OddFloat:
-        def __float__(self):
-            raise ValueError("no float")
-
-    class BadLen:
-        """A sequence that lies about its length."""
-        def __len__(self):
-            return 5
-
-        def __getitem__(self, i):
-            if i >= 2:
-                raise IndexError(i)
-            return i + 1
-
-    def f_raise(*a, **k):
-        raise ValueError("from a callback")
-
     return {
         "np": np, "C": C, "T": T, "TR": C.tramel, "QT": T.QTensor, "CT": C.Tensor, "GN": T.QTensor.GraphNode,
-        "nan": float("nan"), "inf": float("inf"), "qt": qt, "arr": arr, "gf": gf, "res": res, "deep": deep,
+        "nan": float("nan"), "inf": float("inf"), "qt": qt, "arr": arr, "gf": gf, "res": res,
+        "deep": lambda n: functools.reduce(lambda v, _: [v], range(n), 1.0),
         "ct": lambda shape, dtype, device=0, fill="seq": C.Tensor(arr(shape, dtype, fill), device),
         "gn": lambda tensor, df=None, name="": T.QTensor.GraphNode(tensor, df, name),
-        "OddIndex": OddIndex, "OddFloat": OddFloat, "BadLen": BadLen, "f_none": lambda *a, **k: None,
-        "f_ident": lambda g, *a: g, "f_raise": f_raise, "f_tuple": lambda *a: a, "f_args": lambda *a: list(a),
+        "OddIndex": type("OddIndex", (), {"__index__": lambda s: 2**63}),
+        "OddFloat": type("OddFloat", (), {"__float__": lambda s: _throw(ValueError("no float"))}),
+        # a sequence that lies about its length
+        "BadLen": type("BadLen", (), {"__len__": lambda s: 5,
+                                      "__getitem__": lambda s, i: _throw(IndexError(i)) if i >= 2 else i + 1}),
+        "f_none": lambda *a, **k: None, "f_ident": lambda g, *a: g, "f_tuple": lambda *a: a,
+        "f_raise": lambda *a, **k: _throw(ValueError("from a callback")), "f_args": lambda *a: list(a),
         "R": {}, "tensor": T, "tramel": C.tramel, "_core": C,
     }
 
@@ -319,6 +302,10 @@ class Gen:
     def odd(self):
         return self.rng.random() < self.wild
 
+    def typed(self, kind):
+        good, odd = CHOICES[kind]
+        return (self.pick(odd) if odd else self.any()) if self.odd() else self.pick(good)
+
     def random_layout(self):
         return self.rng.choices(SHAPES, SHAPE_WEIGHTS)[0], self.pick(DTYPE_NAMES), self.pick(DEVICES)
 
@@ -341,8 +328,7 @@ class Gen:
         rg = self.pick(["False", "True", "True", "1", "None", "'yes'", "0"]) if self.chance(0.5) else "False"
         fill = self.pick(FILLS)
         if self.chance(0.15):   # a graph result instead of a leaf
-            op = self.pick(["exp", "neg", "square", "sums", "mean", "tanh", "log_softmax", "abs"])
-            return f"res({op!r}, qt({shape!r}, {dtype!r}, {device}, True, {fill!r}))"
+            return f"res({self.pick(RESULT_OPS)!r}, qt({shape!r}, {dtype!r}, {device}, True, {fill!r}))"
         return f"qt({shape!r}, {dtype!r}, {device}, {rg}, {fill!r})"
 
     def core(self):
@@ -355,6 +341,9 @@ class Gen:
             return self.core() if r < 0.55 else self.qtensor()
         shape, dtype, _ = self.layout()
         return f"arr({shape!r}, {dtype!r}, {self.pick(FILLS)!r})" if r < 0.9 else self.any()
+
+    def listed(self, item, n):
+        return f"[{', '.join(item() for _ in range(self.rng.randrange(n)))}]"
 
     def graph_node(self):
         return f"gn({self.qtensor()}, {self.pick(CALLABLES)}, {self.pick(STRINGS + ['1'])})"
@@ -401,76 +390,18 @@ class Gen:
                                    [2, -1]]))
         return self.int_list(lambda: self.pick("01234") if self.chance(0.9) else self.int_like())
 
-    def device(self):
-        if not self.odd():
-            return self.pick(["0", "0", "1000", "1001"])
-        return self.pick(["1002", "-1", "999", "1", "2**31", "2**63", "None", "np.int64(1000)", "'cpu'", "1000.0", "True"])
-
-    def dtype(self):
-        if not self.odd():
-            return str(self.rng.randrange(10))
-        return self.pick(["-1", "10", "99", "None", "2**63", "np.float32", "'float32'", "np.int64(6)", "True", "6.0",
-                          "np.dtype('float64')"])
-
-    def real(self):
-        return self.any() if self.odd() else self.pick(ODD_FLOATS + SMALL_INTS)
-
-    def scalar(self):
-        if self.odd():
-            return self.any()
-        return self.pick(ODD_FLOATS + SMALL_INTS + ODD_COMPLEX + NUMPY_SCALARS + ["True", "False"] + ODD_INTS)
-
-    def truthy(self):
-        return self.pick(["True", "False", "0", "1", "None", "'x'", "[]", "np.bool_(True)", "np.array([1, 2])",
-                          "qt((2,), 'float32')"])
-
     def any(self):
         if self.chance(0.2):
             return self.pick([self.qtensor, self.core, self.graph_node])()
         return self.pick(ODD_VALUES)
 
     def for_param(self, p):
-        """A value for a parameter, chosen by its annotation, else by its name."""
+        """A value for a parameter, chosen by PARAM_RULES."""
         if self.odd() and self.chance(0.5):
             return self.any()
-        a, n = p.annotation, p.name
-        if "list[QTensor]" in a or n in ("tensor_list", "tensors", "inputs"):
-            items = [self.qtensor() if not self.odd() else self.any() for _ in range(self.rng.randrange(0, 4))]
-            return f"[{', '.join(items)}]"
-        if "QTensor" in a:
-            return self.qtensor()
-        if "Tensor" in a:
-            return self.scalar() if ("bool" in a or "float" in a) and self.chance(0.4) else self.core()
-        if "Sequence[int]" in a:
-            return self.shape() if n in ("shape", "new_shape", "ref", "reps") else self.axes()
-        if "list[int]" in a:
-            return self.shape()
-        if n == "device":
-            return self.device()
-        if n in ("dtype", "target_dtype"):
-            return self.dtype()
-        if a.startswith("int"):
-            if n in ("size", "nums", "n", "seed") and not self.odd():
-                return self.pick(["0", "1", "3", "5", "16"])
-            return self.int_like()
-        if a.startswith("float") or n in ("rtol", "atol", "min_val", "max_val"):
-            return self.real()
-        if a.startswith("bool | int") or n == "value":
-            return self.scalar()
-        if a.startswith("bool") or n in ("requires_grad", "keepdims", "unbiased", "if_new", "equal_nan",
-                                         "wrap_scalar", "copy"):
-            return self.truthy()
-        if n in ("nodes", "link_nodes"):
-            return self.any() if self.odd() else f"[{', '.join(self.graph_node() for _ in range(self.rng.randrange(3)))}]"
-        if n in ("df", "parents"):
-            return self.pick(CALLABLES)
-        if n in ("name", "key"):
-            return self.pick(STRINGS + ["1", "None"])
-        if n in ("shape", "t_shape", "sa", "sb"):
-            return self.shape()
-        if n in ("data", "array", "tensor", "x", "g", "src", "core_tensor", "param", "un_broadcast_grad",
-                 "broadcast_grad", "result", "grad", "other", "other_tensor", "end_node", "q", "y", "t"):
-            return self.tensor_like()
+        for pattern, names, make in PARAM_RULES:
+            if (pattern and re.search(pattern, p.annotation)) or p.name in names.split():
+                return make(self, p)
         return self.any()
 
     def self_for(self, cls, names):
@@ -480,8 +411,7 @@ class Gen:
             return self.pick(["gf('exp')", "gf('mul')", "gf('sums')"])
         if cls.__name__ == "_TopoSortIterator":
             return f"T.toposort({self.qtensor()})"
-        make = {names["QT"]: self.qtensor, names["CT"]: self.core, names["GN"]: self.graph_node}.get(cls, self.any)
-        return make()
+        return {names["QT"]: self.qtensor, names["CT"]: self.core, names["GN"]: self.graph_node}.get(cls, self.any)()
 
     def call(self, target, names, forced=None):
         """(positional expressions, keyword expressions) for one call of target; `forced`, when
@@ -510,16 +440,33 @@ class Gen:
         return args, kwargs
 
 
+# How a parameter's value is chosen: the first row whose pattern is found in the parameter's
+# annotation, or which names the parameter, gives the generator.
+PARAM_RULES = [
+    (r"list\[QTensor\]", "tensor_list tensors inputs", lambda g, p: g.listed(lambda: g.any() if g.odd() else
+                                                                                g.qtensor(), 4)),
+    (r"QTensor", "", lambda g, p: g.qtensor()),
+    (r"Tensor", "", lambda g, p: g.typed("scalar") if re.search("bool|float", p.annotation) and g.chance(0.4)
+     else g.core()),
+    (r"Sequence\[int\]", "", lambda g, p: g.shape() if p.name in ("shape", "new_shape", "ref", "reps") else g.axes()),
+    (r"list\[int\]", "", lambda g, p: g.shape()),
+    (None, "device", lambda g, p: g.typed("device")),
+    (None, "dtype target_dtype", lambda g, p: g.typed("dtype")),
+    (r"^int", "", lambda g, p: g.pick(COUNTS) if p.name in ("size", "nums", "n", "seed") and not g.odd()
+     else g.int_like()),
+    (r"^float", "rtol atol min_val max_val", lambda g, p: g.typed("real")),
+    (r"^bool \| int", "value", lambda g, p: g.typed("scalar")),
+    (r"^bool", "requires_grad keepdims unbiased if_new equal_nan wrap_scalar copy", lambda g, p: g.pick(TRUTHY)),
+    (None, "nodes link_nodes", lambda g, p: g.any() if g.odd() else g.listed(g.graph_node, 3)),
+    (None, "df parents", lambda g, p: g.pick(CALLABLES)),
+    (None, "name key", lambda g, p: g.pick(STRINGS + ["1", "None"])),
+    (None, "shape t_shape sa sb", lambda g, p: g.shape()),
+    (None, "data array tensor x g src core_tensor param un_broadcast_grad broadcast_grad result grad other "
+           "other_tensor end_node q y t", lambda g, p: g.tensor_like()),
+]
+
+
 # ------------------------------------------------------------------------------------ the child
-
-def _problem(e):
-    """Why an exception a call raised is a fault, or None when it is an ordinary refusal."""
-    if isinstance(e, SystemError):
-        return "SystemError"
-    if any(m in str(e).lower() for m in PENDING_ERROR_MESSAGES):
-        return "pending error"
-    return None if isinstance(e, ALLOWED_EXCEPTIONS) else "unexpected exception type"
-
 
 def child_main(seed, start, stop, fd, probe):
     import gc
@@ -542,7 +489,10 @@ def child_main(seed, start, stop, fd, probe):
         out.write("\t".join([kind, *(str(f).replace("\t", " ").replace("\n", "\\n") for f in fields)]) + "\n")
 
     def fault(i, e, what, line):
-        problem = _problem(e)
+        """Reports an exception unless it is an ordinary refusal."""
+        problem = ("SystemError" if isinstance(e, SystemError) else
+                   "pending error" if any(m in str(e).lower() for m in PENDING_ERROR_MESSAGES) else
+                   None if isinstance(e, ALLOWED_EXCEPTIONS) else "unexpected exception type")
         if problem:
             emit("F", i, problem + what, line, f"{type(e).__name__}: {str(e)[:300]}")
 
@@ -632,11 +582,8 @@ def _probe_targets(probe, names):
         x.device = 1000
         return x
 
-    def system_error(*a):
-        raise SystemError("error return without exception set")
-
-    fn = {"crash": lambda *a: ctypes.string_at(0), "hang": lambda *a: time.sleep(3600),
-          "system_error": system_error, "wrong_device": wrong_device}[probe]
+    fn = {"crash": lambda *a: ctypes.string_at(0), "hang": lambda *a: time.sleep(3600), "wrong_device": wrong_device,
+          "system_error": lambda *a: _throw(SystemError("error return without exception set"))}[probe]
     return [Target("probe", fn, "call", [[]], name="probe." + probe)]
 
 
@@ -646,14 +593,13 @@ class Report:
     def __init__(self):
         self.targets, self.failures, self.counts = [], [], collections.Counter()   # failures: (kind, i, call, detail)
         self.calls = self.restarts = 0
-        self.seconds = 0.0
 
     def text(self):
         return "\n".join([f"{len(self.failures)} failure(s) in {self.calls} calls:"] +
                          [f"- [{kind}] call #{i}: {call}\n    {detail}" for kind, i, call, detail in self.failures[:40]])
 
 
-def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, max_restarts=MAX_RESTARTS, log=None):
+def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, max_restarts=MAX_RESTARTS):
     """Runs calls [start, start + calls) in children; returns a Report."""
     report, stop, t0, nxt = Report(), start + calls, time.monotonic(), start
     recent = collections.deque(maxlen=300)  # the last call lines, to name earlier calls a call used
@@ -662,26 +608,18 @@ def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, m
     env = {"MALLOC_ARENA_MAX": "2", "OMP_STACKSIZE": "1M", **os.environ, "PYTRAMEL_EMULATED_ACCELERATORS": "2"}
     while nxt < stop:
         rfd, wfd = os.pipe()
-        err = tempfile.TemporaryFile()
-        proc = subprocess.Popen([sys.executable, HERE, "--child", str(seed), str(nxt), str(stop), str(wfd), probe or ""],
-                                pass_fds=(wfd,), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err, env=env)
-        os.close(wfd)
-        buf, last, done, killed, counts, last_time = b"", None, False, False, {}, time.monotonic()
-        with os.fdopen(rfd, "rb", buffering=0) as pipe:
-            while True:
-                if not select.select([pipe], [], [], 1.0)[0]:
-                    if time.monotonic() - last_time > stall_s:
-                        proc.kill()
-                        killed = True
-                        break
-                    continue
-                chunk = pipe.read(1 << 16)
-                if not chunk:
-                    break
-                last_time = time.monotonic()
-                *lines, buf = (buf + chunk).split(b"\n")
-                for raw in lines:
-                    kind, *fields = raw.decode("utf-8", "replace").split("\t")
+        with tempfile.TemporaryFile() as err:
+            proc = subprocess.Popen([sys.executable, HERE, "--child", str(seed), str(nxt), str(stop), str(wfd),
+                                     probe or ""], pass_fds=(wfd,), stdin=subprocess.DEVNULL,
+                                    stdout=subprocess.DEVNULL, stderr=err, env=env)
+            os.close(wfd)
+            lines = queue.Queue()   # the child's lines, then None at the end of the pipe
+            threading.Thread(target=lambda: [*map(lines.put, os.fdopen(rfd, errors="replace")), lines.put(None)],
+                             daemon=True).start()
+            last, done, killed, counts = None, False, False, {}
+            try:
+                for raw in iter(functools.partial(lines.get, timeout=stall_s), None):
+                    kind, *fields = raw.rstrip("\n").split("\t")
                     if kind == "C":
                         last = (int(fields[0]), fields[2])
                         recent.append(last)
@@ -693,11 +631,13 @@ def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, m
                     elif kind == "P":
                         counts = json.loads(fields[0])
                     done = done or kind == "D"
+            except queue.Empty:   # nothing written for stall_s
+                proc.kill()
+                killed = True
             rc = proc.wait()
+            err.seek(0)
+            stderr_tail = err.read()[-1500:].decode("utf-8", "replace").strip()[-600:]
         report.counts.update(counts)
-        err.seek(0)
-        stderr_tail = err.read()[-1500:].decode("utf-8", "replace").strip()[-600:]
-        err.close()
         if done and rc == 0:
             break
         # A crash (SIGSEGV; SIGABRT where a sanitizer catches it first), an exit status or a hang.
@@ -711,10 +651,7 @@ def run_fuzz(seed=SEED, calls=CALLS, start=START, probe=None, stall_s=STALL_S, m
                                 f"stderr: {stderr_tail}\n    again: PYTRAMEL_FUZZ_SEED={seed} PYTRAMEL_FUZZ_START={first} "
                                 f"PYTRAMEL_FUZZ_CALLS={i + 1 - first}, or alone: python {os.path.relpath(HERE)} "
                                 f"--replay {shlex.quote(call)}"))
-        if log:
-            log(f"{kind} at call #{i}: {call}")
-        report.restarts += 1
-        nxt = i + 1
+        report.restarts, nxt = report.restarts + 1, i + 1
         if report.restarts > max_restarts:
             break
     report.seconds = time.monotonic() - t0
@@ -742,9 +679,8 @@ def test_fuzz_every_public_callable():
 
 
 def test_fuzz_harness_reports_a_misbehaving_call():
-    """The harness itself: a crash, a hang, a SystemError and a result on the wrong device are each
-    reported with the call that caused them."""
-    # A planted segfault is a SIGSEGV, or a SIGABRT where a sanitizer catches it first.
+    """A crash (SIGSEGV, or SIGABRT where a sanitizer catches it first), a hang, a SystemError and a
+    result on the wrong device are each reported with the call that caused them."""
     for probe, kind in (("crash", "crash (SIG"), ("hang", "hang"), ("system_error", "SystemError"),
                         ("wrong_device", "device disagrees with data.device")):
         report = run_fuzz(seed=1, calls=3, probe=probe, stall_s=3, max_restarts=0)
