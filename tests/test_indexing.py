@@ -19,6 +19,7 @@ FUZZ = dict(derandomize=True, deadline=None,
             suppress_health_check=[HealthCheck.too_slow, HealthCheck.data_too_large])
 ONLY_BASIC = "only support slice and integar index"
 TOO_MANY_KEYS = "numbers of keys should not more than input shape length"
+ZERO_STEP = "slice step cannot be zero"
 
 
 def val(t):
@@ -26,8 +27,7 @@ def val(t):
 
 
 class Q:
-    """A QTensor made when the test runs: tensors made at collection would live in pytest's
-    parameters until the interpreter tears the module down."""
+    """A QTensor made when the test runs, not at collection."""
 
     def __init__(self, *args, **kwargs):
         self.args, self.kwargs = args, kwargs
@@ -117,6 +117,10 @@ def draw_int(draw, d):
     return draw(st.integers(-d, d - 1))
 
 
+def draw_shape(draw, lo, hi, min_size=1, max_size=5):
+    return tuple(draw(st.lists(st.integers(lo, hi), min_size=min_size, max_size=max_size)))
+
+
 def as_tuples(x):
     return tuple(as_tuples(e) for e in x) if isinstance(x, list) else x
 
@@ -124,7 +128,7 @@ def as_tuples(x):
 @st.composite
 def basic_keys(draw):
     """(shape, key, numpy key): integers and slices, bare, in a tuple or in a list."""
-    shape = tuple(draw(st.lists(st.integers(1, 4), max_size=5)))
+    shape = draw_shape(draw, 1, 4, 0)
     n = draw(st.integers(0, len(shape)))
     entries = [draw_int(draw, d) if draw(st.booleans()) else draw_slice(draw, d) for d in shape[:n]]
     form = draw(st.sampled_from(["tuple", "list", "bare"] if n == 1 else ["tuple", "list"]))
@@ -136,18 +140,14 @@ def basic_keys(draw):
 def advanced_keys(draw):
     """(shape, key, numpy key): a container with at least one index array, among integers,
     slices and None; adjacent or separated, index arrays of one or two broadcast axes."""
-    shape = tuple(draw(st.lists(st.integers(1, 4), min_size=1, max_size=5)))
-    rng = np.random.default_rng(draw(st.integers(0, 2**16)))
+    shape, rng = draw_shape(draw, 1, 4), np.random.default_rng(draw(st.integers(0, 2**16)))
     n = draw(st.integers(1, len(shape)))
     kinds = draw(st.lists(st.sampled_from(["adv", "int", "slice"]), min_size=n, max_size=n))
     kinds[draw(st.integers(0, n - 1))] = "adv"
     adv = [i for i, k in enumerate(kinds) if k == "adv"]
     mask_at = draw(st.sampled_from([None] + adv))
-    if mask_at is not None:
-        mask = rng.random(shape[mask_at]) < 0.5
-        block = (int(mask.sum()),)
-    else:
-        block = tuple(draw(st.lists(st.integers(1, 3), min_size=1, max_size=2)))
+    mask = None if mask_at is None else rng.random(shape[mask_at]) < 0.5
+    block = draw_shape(draw, 1, 3, 1, 2) if mask is None else (int(mask.sum()),)
     sys, ref = [], []
     for ax, kind in enumerate(kinds):
         d = shape[ax]
@@ -181,13 +181,12 @@ def advanced_keys(draw):
 def whole_tensor_keys(draw):
     """(shape, QTensor key, numpy key): integer or float index tensors, boolean masks of
     the leading axes."""
-    shape = tuple(draw(st.lists(st.integers(1, 4), min_size=1, max_size=4)))
-    rng = np.random.default_rng(draw(st.integers(0, 2**16)))
+    shape, rng = draw_shape(draw, 1, 4, 1, 4), np.random.default_rng(draw(st.integers(0, 2**16)))
     kind = draw(st.sampled_from(["int", "float", "mask"]))
     if kind == "mask":
         mask = rng.random(shape[:draw(st.integers(1, len(shape)))]) < 0.5
         return shape, QTensor(mask), np.nonzero(mask)
-    arr = rng.integers(-shape[0], shape[0], size=draw(st.lists(st.integers(1, 3), min_size=1, max_size=2)))
+    arr = rng.integers(-shape[0], shape[0], size=draw_shape(draw, 1, 3, 1, 2))
     key = QTensor(arr) if kind == "int" else QTensor(arr + np.where(arr >= 0, 0.7, -0.7))
     return shape, key, (arr,)
 
@@ -322,11 +321,9 @@ def test_set_casts_the_value_to_the_target_dtype():
     (["-12:14:2"], (slice(-12, 14, 2),)),
     (["4:2147483646:-1"], (slice(None, None, -1),)),
     (["1"], (1,)),                                      # an integer text drops its axis
-    (["0,2,"], ([0, 2],)),                              # a position list keeps it
-    ([Q([0, 2])], ([0, 2],)),
-    ([Q([0.7, 2.2])], ([0, 2],)),                # positions truncated
-    ([1.5], ()),                                        # entries of other types are skipped
-    ([None, "1"], (1,)),
+    (["0,2,"], ([0, 2],)), ([Q([0, 2])], ([0, 2],)),    # a position list keeps it
+    ([Q([0.7, 2.2])], ([0, 2],)),                       # positions truncated
+    ([1.5], ()), ([None, "1"], (1,)),                   # entries of other types are skipped
     ([True], (1,)),
     ([1, Q([3, 0]), "::-2"], (1, [3, 0], slice(None, None, -2))),
 ])
@@ -396,23 +393,18 @@ ELLIPSIS_MSG = "Cannot use ellipsis (`...`) for QTensor indexing," + " " * 25 + 
 
 
 @pytest.mark.parametrize("shape,key,exc,msg", [
-    ((5,), slice(None, None, 0), ValueError, "slice step cannot be zero"),
-    ((2, 5), (0, slice(1, 2, 0)), ValueError, "slice step cannot be zero"),
-    ((2, 3), (0, 1, 2), ValueError, TOO_MANY_KEYS),
-    ((2, 3), (0, None), ValueError, ONLY_BASIC),
+    ((5,), slice(None, None, 0), ValueError, ZERO_STEP), ((2, 5), (0, slice(1, 2, 0)), ValueError, ZERO_STEP),
+    ((2, 3), (0, 1, 2), ValueError, TOO_MANY_KEYS), ((2, 3), (0, None), ValueError, ONLY_BASIC),
     ((2, 3), (0, ...), ValueError, ONLY_BASIC),         # the ellipsis message stays in the retried attempt
-    ((2, 3), (1.5,), ValueError, ONLY_BASIC),
-    ((2, 3), np.array([0, 1]), ValueError, ONLY_BASIC),
+    ((2, 3), (1.5,), ValueError, ONLY_BASIC), ((2, 3), np.array([0, 1]), ValueError, ONLY_BASIC),
     ((2, 3), ([0, 1], [0, 1, 2]), ValueError, ONLY_BASIC),  # arrays that do not broadcast
-    ((2, 3), ([0, 1], 0, 0), ValueError, TOO_MANY_KEYS),
-    ((4,), ([5],), ValueError, ONLY_BASIC),
+    ((2, 3), ([0, 1], 0, 0), ValueError, TOO_MANY_KEYS), ((4,), ([5],), ValueError, ONLY_BASIC),
     ((), Q([0]), IndexError, "too many indices (1) for array with 0 dimensions"),
     ((4, 3), 5, IndexError, "[select] index 5 is out of bounds for axis 0 with size 4"),
     ((4, 3), (1, -4), IndexError, "[select] index -4 is out of bounds for axis 1 with size 3"),
     ((4,), Q([1, 4]), IndexError, None),
-    ((2, 3), None, TypeError, None), ((2, 3), ..., TypeError, None),  # no length: fail in len()
-    ((2, 3), np.int64(1), TypeError, None),
-])
+    ((2, 3), None, TypeError, None), ((2, 3), ..., TypeError, None), ((2, 3), np.int64(1), TypeError, None),
+])  # the last three have no length: they fail in len()
 def test_get_messages(shape, key, exc, msg):
     with pytest.raises(exc) as info:
         QTensor(data(shape))[made(key)]
@@ -421,13 +413,10 @@ def test_get_messages(shape, key, exc, msg):
 
 @pytest.mark.parametrize("shape,key,value,exc,msg", [
     ((4, 3), 0, object(), ValueError, "set value should be QTensor "),
-    ((4, 3), slice(None, None, 0), 1.0, ValueError, "slice step cannot be zero"),
-    ((4, 3), (0, 1, 2), 1.0, ValueError, TOO_MANY_KEYS),
-    ((4, 3), 9, 1.0, IndexError, None),
-    ((4, 3), slice(0, 2), Q(np.ones(4)), None, None),  # does not fit the region
+    ((4, 3), slice(None, None, 0), 1.0, ValueError, ZERO_STEP), ((4, 3), (0, 1, 2), 1.0, ValueError, TOO_MANY_KEYS),
+    ((4, 3), 9, 1.0, IndexError, None), ((4, 3), slice(0, 2), Q(np.ones(4)), None, None),  # the last: does not fit
     ((4, 3), ([0, 1],), Q(np.ones((3, 3))), ValueError, ONLY_BASIC),
-    ((4, 3), ([0, 9],), 1.0, ValueError, ONLY_BASIC),
-    ((4, 3), Q([0, 9]), 1.0, ValueError, ONLY_BASIC),
+    ((4, 3), ([0, 9],), 1.0, ValueError, ONLY_BASIC), ((4, 3), Q([0, 9]), 1.0, ValueError, ONLY_BASIC),
     ((4, 3), Q([0, 1]), Q(np.ones((3, 3))), ValueError, ONLY_BASIC),
     ((), Q([0]), 1.0, ValueError, TOO_MANY_KEYS),
 ])
@@ -539,9 +528,13 @@ def check_record(r, opid, opname, inputs, output, attribute_keys):
     assert set(r.op_attribute) == attribute_keys
 
 
+def recording(on):
+    for key in ("save_constant", "save_opinfo"):
+        export.set_onnx_convert_config(key, on)
+
+
 def test_export_records_of_gets():
-    export.set_onnx_convert_config("save_constant", True)
-    export.set_onnx_convert_config("save_opinfo", True)
+    recording(True)
     x = QTensor(data((4, 3)))
     y = x[1:3]
     check_record(y.oplinkinfo, f"{id(x)}_basic_indexing__{id(y)}", "Basic_Indexing", [x], y, {"slice"})
@@ -559,8 +552,7 @@ def test_export_records_of_gets():
 
 
 def test_advanced_gets_link_even_when_recording_is_off():
-    export.set_onnx_convert_config("save_constant", False)
-    export.set_onnx_convert_config("save_opinfo", False)
+    recording(False)
     x = QTensor(data((4,)))
     y, z = x[QTensor([0, 2])], x[1:3]
     assert (y.oplinkinfo, [n.tensor for n in y.link_nodes]) == (None, [x])
@@ -575,8 +567,7 @@ def test_advanced_gets_link_even_when_recording_is_off():
      [slice(1, 3), [0, 2]]),
 ])
 def test_export_records_of_sets(key, region, opname, opid, items):
-    export.set_onnx_convert_config("save_constant", True)
-    export.set_onnx_convert_config("save_opinfo", True)
+    recording(True)
     x = QTensor(data((4, 3)))
     v = QTensor(np.ones(region) * 9)
     x[made(key)] = v
