@@ -143,13 +143,16 @@ void init_sum_mean(nb::module_& m, nb::class_<QTensor>&) {
               "ndim: the number of dimensions."},
              "A new list of ints; AssertionError for an axis out of range.").c_str());
   m.def("_helper_func_fill_dims", [](int64_t dim1, int64_t dim2, int64_t ndim) {
-    std::vector<int64_t> dims(size_t(std::max<int64_t>(ndim, 0)));
-    for (size_t i = 0; i < dims.size(); ++i) dims[i] = int64_t(i);
     if (dim1 < 0 || dim2 < 0 || dim1 >= ndim || dim2 >= ndim) throw nb::index_error("list assignment index out of range");
-    dims[size_t(dim1)] = dim2;
-    dims[size_t(dim2)] = dim1;
-    nb::list out;
-    for (int64_t d : dims) out.append(d);
+    // The list itself is the only allocation: a huge ndim fails there with MemoryError.
+    nb::list out = nb::steal<nb::list>(PyList_New(Py_ssize_t(ndim)));
+    if (!out.is_valid()) throw nb::python_error();
+    for (int64_t i = 0; i < ndim; ++i) {
+      int64_t d = i == dim1 ? dim2 : i == dim2 ? dim1 : i;
+      PyObject* item = PyLong_FromLongLong(d);
+      if (!item) throw nb::python_error();
+      PyList_SET_ITEM(out.ptr(), Py_ssize_t(i), item);
+    }
     return out;
   }, nb::arg("dim1"), nb::arg("dim2"), nb::arg("ndim"),
      py::doc("The order of ndim axes with two of them exchanged.",
