@@ -19,7 +19,10 @@ int64_t wrap_dim(int64_t dim, int64_t ndim, bool wrap_scalar, bool for_unsqueeze
     ndim = 1;
   }
   if (dim < -ndim || dim > ndim - 1) bare_assertion();
-  if (dim < 0) dim += ndim + (for_unsqueeze ? 1 : 0);
+  if (dim < 0) {  // dim + ndim first: ndim + 1 may not fit
+    dim += ndim;
+    if (for_unsqueeze) dim += 1;
+  }
   return dim;
 }
 
