@@ -55,6 +55,14 @@ def test_like(make, fill, requires_grad):
     assert_leaf(make(t, 0, D.kfloat64), D.kfloat64, 0, (2, 1))
 
 
+@pytest.mark.parametrize("device", [0, GPU0])
+def test_empty_bools_are_false(device):
+    # Any other byte in a bool is undefined behaviour for every kernel that reads it.
+    for r in (tt.empty([3], device, D.kbool), tt.empty_like(QTensor([1.0, 2.0]), device, D.kbool),
+              _core.Tensor.empty([2], device, D.kbool)):
+        assert not np.asarray(val(r) if isinstance(r, QTensor) else host(r)).any()
+
+
 # ----------------------------------------------------------------- ranges and patterns
 
 @pytest.mark.parametrize("make,expected", [

@@ -95,7 +95,7 @@ void init_tensor_class(nb::module_& m) {
 
   // Creation.
   cls.def_static("empty", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) {
-    return Tensor::empty(shape.get("empty"), dtype.get_or("empty", default_dtype()), device.get("empty"));
+    return uninitialized(shape.get("empty"), dtype.get_or("empty", default_dtype()), device.get("empty"), "empty");
   }, nb::arg("shape"), nb::arg("device").none() = 0, nb::arg("dtype").none() = nb::none(),
      py::doc("A tensor whose elements are not set.", {kShape, kDevice, kDType}, kNew).c_str());
   cls.def_static("zeros", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) {

@@ -27,6 +27,9 @@ void copy_to_host(const Tensor& t, DType dtype, void* dst, const char* op);
 
 // ---- creation and fills (fill) ----
 Tensor full(const Shape& shape, const Scalar& value, int device, DType dtype, const char* op = "full");
+// The tensor of `empty`: contents unspecified, except that bool elements are
+// false (a bool holding any other byte is undefined behaviour to read).
+Tensor uninitialized(const Shape& shape, DType dtype, int device, const char* op);
 Tensor arange(double start, double end, double step, int device, DType dtype);
 Tensor linspace(double start, double end, int64_t num, int device, DType dtype);
 Tensor logspace(double start, double end, int64_t num, double base, int device, DType dtype);

@@ -29,6 +29,12 @@ Tensor full(const Shape& shape, const Scalar& value, int device, DType dtype, co
   return t;
 }
 
+Tensor uninitialized(const Shape& shape, DType dtype, int device, const char* op) {
+  Tensor t = Tensor::empty(shape, dtype, device, op);
+  if (dtype == DType::Bool && t.numel()) need(kernels_of(t).zero, t, op)(t);
+  return t;
+}
+
 Tensor arange(double start, double end, double step, int device, DType dtype) {
   const char* op = "arange";
   if (step == 0 || !std::isfinite(step)) fail(ErrorKind::Value, op, "step must be finite and non-zero");

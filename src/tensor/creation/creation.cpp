@@ -88,7 +88,7 @@ void init_creation(nb::module_& m) {
      py::doc("A tensor of ones.", {kShape, kDevice, kDType}, kNewLeaf).c_str());
   m.def("empty", [](const py::Dims& shape, const py::DeviceArg& device, const py::DTypeArg& dtype) -> TensorResult {
     return qtensor_from_core(
-        Tensor::empty(shape.get("empty"), dtype.get_or("empty", default_dtype()), device.get("empty")));
+        uninitialized(shape.get("empty"), dtype.get_or("empty", default_dtype()), device.get("empty"), "empty"));
   }, arg("shape"), arg("device") = 0, arg("dtype") = none,
      py::doc("A tensor whose elements are not set.", {kShape, kDevice, kDType}, kNewLeaf).c_str());
   m.def("full", [](const py::Dims& shape, const py::HostScalar& value, const py::DeviceArg& device,
@@ -109,7 +109,7 @@ void init_creation(nb::module_& m) {
   }, arg("t"), arg("device") = none, arg("dtype") = none,
      py::doc("A tensor of ones with the shape of another.", {kLikeT, kLikeDevice, kLikeDType}, kLike).c_str());
   m.def("empty_like", [](TensorArg t, const py::DeviceArg& device, const py::DTypeArg& dtype) -> TensorResult {
-    return like(t, device, dtype, "empty_like", [](const Shape& s, int dev, DType d) { return Tensor::empty(s, d, dev); });
+    return like(t, device, dtype, "empty_like", [](const Shape& s, int dev, DType d) { return uninitialized(s, d, dev, "empty_like"); });
   }, arg("t"), arg("device") = none, arg("dtype") = none,
      py::doc("A tensor with the shape of another, whose elements are not set.", {kLikeT, kLikeDevice, kLikeDType},
              kLike).c_str());
