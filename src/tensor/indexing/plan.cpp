@@ -294,13 +294,18 @@ bool is_advanced(KeyEntry::Kind kind, nb::handle object) {
 }
 bool is_advanced(const KeyEntry& e) { return is_advanced(e.kind, e.object); }
 
-std::vector<int64_t> arange(int64_t start, int64_t stop, int64_t step) {
-  std::vector<int64_t> v;
-  if (step > 0)
-    for (int64_t i = start; i < stop; i += step) v.push_back(i);
-  else
-    for (int64_t i = start; i > stop; i += step) v.push_back(i);
-  return v;
+// np.arange(start, stop, step) of integers, allocated as a tensor (a huge
+// range fails there, as numpy's MemoryError, instead of growing a vector).
+IndexArray arange(int64_t start, int64_t stop, int64_t step) {
+  if (step == 0) throw nb::value_error("range() arg 3 must not be zero");
+  __int128 span = step > 0 ? __int128(stop) - start : __int128(start) - stop;
+  __int128 n128 = span <= 0 ? 0 : (span + (step > 0 ? step : -__int128(step)) - 1) / (step > 0 ? step : -__int128(step));
+  if (n128 > kMaxElements) throw nb::value_error("the range has too many elements");
+  int64_t n = int64_t(n128);
+  Tensor t = Tensor::empty(Shape(&n, 1, "indexing"), DType::Int64, kCpuDevice, "indexing");
+  int64_t* out = t.data<int64_t>();
+  for (int64_t i = 0; i < n; ++i) out[i] = int64_t(__int128(start) + __int128(i) * step);
+  return IndexArray::dense(std::move(t));
 }
 
 // _advanced_index_to_array: the entry as an integer array; only a slice is
@@ -314,13 +319,13 @@ IndexArray to_array(const KeyEntry& e, int64_t ax_len) {
     case KeyEntry::Kind::Slice: {
       Py_ssize_t start, stop, step;
       if (PySlice_Unpack(e.object.ptr(), &start, &stop, &step) < 0) throw nb::python_error();
-      PySlice_AdjustIndices(Py_ssize_t(ax_len), &start, &stop, step);
-      return IndexArray::vector(arange(start, stop, step));
+      PySlice_AdjustIndices(Py_ssize_t(std::max<int64_t>(ax_len, 0)), &start, &stop, step);
+      return arange(start, stop, step);
     }
     case KeyEntry::Kind::Range: {
       int64_t start = nb::cast<int64_t>(e.object.attr("start")), stop = nb::cast<int64_t>(e.object.attr("stop")),
               step = nb::cast<int64_t>(e.object.attr("step"));
-      return IndexArray::vector(arange(start, stop, step));
+      return arange(start, stop, step);
     }
     default:
       illegal_index_type(e.object);

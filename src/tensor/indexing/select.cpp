@@ -177,8 +177,9 @@ std::string slice_text(nb::handle x, int64_t i, nb::handle it) {
   bool forward = step_object.is_none() || nb::bool_(step_object >= nb::int_(1));
   auto axis_length = [&]() -> int64_t {
     const Shape& shape = core_of(x, "__getitem__").shape();
-    if (i >= shape.rank()) throw nb::index_error("list index out of range");  // x.shape[i]
-    return shape[int(i)];
+    int64_t at = i < 0 ? i + shape.rank() : i;  // x.shape[i], as a list reads it
+    if (at < 0 || at >= shape.rank()) throw nb::index_error("list index out of range");
+    return shape[int(at)];
   };
   std::string text;
   if (!start.is_none()) append_int_text(text, start);
