@@ -468,6 +468,9 @@ PARAM_RULES = [
 
 # ------------------------------------------------------------------------------------ the child
 
+MOVERS = ("toGPU", "toCPU", "to_gpu", "to_cpu")
+
+
 def child_main(seed, start, stop, fd, probe):
     import gc
     import resource
@@ -538,7 +541,8 @@ def child_main(seed, start, stop, fd, probe):
             result = None
         else:
             counts["returned"] += 1
-            if target.kind == "set" and arg_exprs[0].startswith("R["):
+            # A setter changes fields; a move in place leaves its grad's device field behind.
+            if (target.kind == "set" or target.name.rsplit(".", 1)[-1] in MOVERS) and arg_exprs[0].startswith("R["):
                 tampered.add(id(args[0]))
             if isinstance(result, T.QTensor) and any(id(x) in tampered for x in inputs):
                 tampered.add(id(result))
