@@ -36,10 +36,12 @@ struct IndexArray {
   std::vector<int64_t> shape, strides;
 
   static IndexArray dense(Tensor data);  // data's own shape, row-major
-  static IndexArray vector(std::vector<int64_t> values);
+  static IndexArray copy_of(const int64_t* values, int64_t n);  // a vector
   int64_t size() const;
-  bool contiguous() const;
-  int64_t at(const int64_t* coords) const;
+  // Whether the view is data's buffer itself, in row-major order.
+  bool is_dense() const;
+  // The view's elements in row-major order.
+  void copy_to(int64_t* out) const;
   // numpy's broadcast_to and reshape for the views the plan makes.
   IndexArray broadcast_to(const std::vector<int64_t>& target) const;
   IndexArray reshaped(const std::vector<int64_t>& target) const;
@@ -68,8 +70,7 @@ AdvancedPlan plan_advanced(const Key& key, const Shape& data_shape);
 // The gather description of a plan on a tensor of `data_shape`.
 struct Gather {
   GatherLayout layout;
-  Tensor indices;                       // (m, block and slice axes...), int64, device 0
-  std::vector<int64_t> index_shape;     // ishape
+  Tensor indices;  // (m, block and slice axes...), int64, device 0
   std::vector<int64_t> oshape;
 };
 Gather gather_of(const AdvancedPlan& plan, const Shape& data_shape);
@@ -81,7 +82,7 @@ void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape,
 nb::object key_object(const KeyEntry& entry);  // the entry as the Python planner functions see it
 nb::tuple key_tuple(const Key& key);
 nb::object numpy_of(const IndexArray& a);
-nb::object shape_tuple(const std::vector<int64_t>& shape);
+nb::tuple shape_tuple(const std::vector<int64_t>& shape);
 
 // ---- the basic way (select.cpp) ----
 // select(t, index) with the index list already written as texts.

@@ -28,10 +28,9 @@ IndexArray IndexArray::dense(Tensor data) {
   return a;
 }
 
-IndexArray IndexArray::vector(std::vector<int64_t> values) {
-  int64_t n = int64_t(values.size());
+IndexArray IndexArray::copy_of(const int64_t* values, int64_t n) {
   Tensor t = Tensor::empty(Shape(&n, 1, "indexing"), DType::Int64, kCpuDevice, "indexing");
-  if (n) std::memcpy(t.raw(), values.data(), size_t(n) * sizeof(int64_t));
+  if (n) std::memcpy(t.raw(), values, size_t(n) * sizeof(int64_t));
   return dense(std::move(t));
 }
 
@@ -41,19 +40,32 @@ int64_t IndexArray::size() const {
   return n;
 }
 
-bool IndexArray::contiguous() const {
+bool IndexArray::is_dense() const {
   int64_t stride = 1;
   for (size_t i = shape.size(); i-- > 0;) {
     if (shape[i] != 1 && strides[i] != stride) return false;
     stride *= shape[i];
   }
-  return true;
+  return data.numel() == stride;
 }
 
-int64_t IndexArray::at(const int64_t* coords) const {
-  int64_t offset = 0;
-  for (size_t i = 0; i < shape.size(); ++i) offset += coords[i] * strides[i];
-  return data.data<int64_t>()[offset];
+void IndexArray::copy_to(int64_t* out) const {
+  int64_t n = size();
+  const int64_t* src = data.data<int64_t>();
+  if (is_dense()) {
+    if (n) std::memcpy(out, src, size_t(n) * sizeof(int64_t));
+    return;
+  }
+  std::vector<int64_t> coords(shape.size(), 0);
+  for (int64_t i = 0; i < n; ++i) {
+    int64_t offset = 0;
+    for (size_t d = 0; d < coords.size(); ++d) offset += coords[d] * strides[d];
+    out[i] = src[offset];
+    for (size_t d = coords.size(); d-- > 0;) {
+      if (++coords[d] < shape[d]) break;
+      coords[d] = 0;
+    }
+  }
 }
 
 namespace {
@@ -130,7 +142,7 @@ IndexArray array_of_sequence(nb::handle seq) {
     if (overflow) plain = false;
     values.push_back(v);
   }
-  if (plain) return IndexArray::vector(std::move(values));
+  if (plain) return IndexArray::copy_of(values.data(), n);
   static nb::handle np_array = imported("numpy", "array");
   nb::object array = np_array(seq);
   return IndexArray::dense(py::tensor_from_array(array, kCpuDevice, DType::Int64, "indexing"));
@@ -218,7 +230,7 @@ void append_mask(Key& key, nb::handle it, const Shape& shape, int64_t axis) {
   for (int j = 0; j < d; ++j) {
     KeyEntry e;
     e.kind = KeyEntry::Kind::Array;
-    e.array = IndexArray::vector(std::vector<int64_t>(rows + j * count, rows + (j + 1) * count));
+    e.array = IndexArray::copy_of(rows + j * count, count);
     key.push_back(std::move(e));
   }
 }
@@ -236,9 +248,9 @@ Key expand_key(nb::handle item, const Shape& shape, bool* use_advance) {
     nb::object it = nb::steal(raw);
     if (is_qtensor(it)) {
       *use_advance = true;
-      if (core_of(it, "indexing").dtype() == DType::Bool) {
+      if (const Tensor& t = core_of(it, "indexing"); t.dtype() == DType::Bool) {
         append_mask(key, it, shape, axes_taken);
-        axes_taken += core_of(it, "indexing").ndim();
+        axes_taken += t.ndim();
         continue;
       }
       KeyEntry e;
@@ -247,11 +259,7 @@ Key expand_key(nb::handle item, const Shape& shape, bool* use_advance) {
       key.push_back(std::move(e));
     } else if (PyList_Check(it.ptr()) || PyTuple_Check(it.ptr())) {
       *use_advance = true;
-      KeyEntry e;
-      e.kind = KeyEntry::Kind::Array;
-      nb::object fast = nb::steal(PySequence_Fast(it.ptr(), "indexing"));
-      e.array = array_of_sequence(fast);
-      key.push_back(std::move(e));
+      key.push_back(plain_entry(it));  // np.array(it)
     } else if (it.ptr() == Py_Ellipsis) {
       // (sic) the run of blanks inside the message.
       throw nb::index_error(
@@ -315,7 +323,7 @@ IndexArray to_array(const KeyEntry& e, int64_t ax_len) {
     case KeyEntry::Kind::Array:
       return e.array;
     case KeyEntry::Kind::Int:
-      return IndexArray::vector({e.value});
+      return IndexArray::copy_of(&e.value, 1);
     case KeyEntry::Kind::Slice: {
       Py_ssize_t start, stop, step;
       if (PySlice_Unpack(e.object.ptr(), &start, &stop, &step) < 0) throw nb::python_error();
@@ -500,45 +508,29 @@ void fill_gather_fields(const std::vector<int64_t>& ishape, const Shape& dshape,
 Gather gather_of(const AdvancedPlan& plan, const Shape& data_shape) {
   Gather g;
   int64_t m = int64_t(plan.arrays.size());
-  const std::vector<int64_t>& bshape = plan.arrays.front().shape;
-  g.index_shape.push_back(m);
-  g.index_shape.insert(g.index_shape.end(), bshape.begin(), bshape.end());
-  fill_gather_fields(g.index_shape, data_shape, m, g.layout, g.oshape);
-  int64_t n = plan.arrays.front().size();
-  g.layout.n = n;
-  Shape ishape(g.index_shape.data(), int(g.index_shape.size()), "indexing");
   const IndexArray& first = plan.arrays.front();
-  if (m == 1 && first.contiguous() && first.data.numel() == n) {
-    g.indices = first.data.view_as(ishape);  // the key's own buffer: no copy
+  std::vector<int64_t> ishape{m};
+  ishape.insert(ishape.end(), first.shape.begin(), first.shape.end());
+  fill_gather_fields(ishape, data_shape, m, g.layout, g.oshape);
+  int64_t n = first.size();
+  g.layout.n = n;
+  Shape stacked(ishape.data(), int(ishape.size()), "indexing");
+  if (m == 1 && first.is_dense()) {
+    g.indices = first.data.view_as(stacked);  // the key's own buffer: no copy
     return g;
   }
-  g.indices = Tensor::empty(ishape, DType::Int64, kCpuDevice, "indexing");
+  g.indices = Tensor::empty(stacked, DType::Int64, kCpuDevice, "indexing");
   int64_t* out = g.indices.data<int64_t>();
-  std::vector<int64_t> coords(bshape.size());
-  for (const IndexArray& a : plan.arrays) {
-    if (a.contiguous() && a.data.numel() == n) {
-      if (n) std::memcpy(out, a.data.raw(), size_t(n) * sizeof(int64_t));
-      out += n;
-      continue;
-    }
-    std::fill(coords.begin(), coords.end(), 0);
-    const int64_t* src = a.data.data<int64_t>();
-    for (int64_t i = 0; i < n; ++i) {
-      int64_t offset = 0;
-      for (size_t d = 0; d < coords.size(); ++d) offset += coords[d] * a.strides[d];
-      *out++ = src[offset];
-      for (size_t d = coords.size(); d-- > 0;) {
-        if (++coords[d] < bshape[d]) break;
-        coords[d] = 0;
-      }
-    }
+  for (const IndexArray& a : plan.arrays) {  // np.stack
+    a.copy_to(out);
+    out += n;
   }
   return g;
 }
 
 // ---- Python faces ----
 
-nb::object shape_tuple(const std::vector<int64_t>& shape) {
+nb::tuple shape_tuple(const std::vector<int64_t>& shape) {
   nb::tuple t = nb::steal<nb::tuple>(PyTuple_New(Py_ssize_t(shape.size())));
   for (size_t i = 0; i < shape.size(); ++i) PyTuple_SET_ITEM(t.ptr(), Py_ssize_t(i), PyLong_FromLongLong(shape[i]));
   return t;
@@ -546,17 +538,9 @@ nb::object shape_tuple(const std::vector<int64_t>& shape) {
 
 nb::object numpy_of(const IndexArray& a) {
   Shape shape(a.shape.data(), int(a.shape.size()), "indexing");
-  if (a.contiguous() && a.data.numel() == a.size()) return py::numpy_copy(a.data.view_as(shape), "indexing");
+  if (a.is_dense()) return py::numpy_copy(a.data.view_as(shape), "indexing");
   Tensor t = Tensor::empty(shape, DType::Int64, kCpuDevice, "indexing");
-  int64_t* out = t.data<int64_t>();
-  std::vector<int64_t> coords(a.shape.size(), 0);
-  for (int64_t i = 0, n = a.size(); i < n; ++i) {
-    *out++ = a.at(coords.data());
-    for (size_t d = coords.size(); d-- > 0;) {
-      if (++coords[d] < a.shape[d]) break;
-      coords[d] = 0;
-    }
-  }
+  a.copy_to(t.data<int64_t>());
   return py::numpy_copy(t, "indexing");
 }
 
@@ -601,7 +585,6 @@ nb::list numpy_list(const std::vector<IndexArray>& arrays) {
   return out;
 }
 
-nb::tuple int_tuple(const std::vector<int64_t>& v) { return nb::borrow<nb::tuple>(shape_tuple(v)); }
 nb::list int_list(const std::vector<int64_t>& v) { return nb::list(shape_tuple(v)); }
 
 void init_plan(nb::module_& m, nb::class_<QTensor>&) {
@@ -639,7 +622,7 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
              "A tuple.").c_str());
   m.def("get_bdshape_for_slice", [](nb::handle key, nb::handle data_shape) {
     AdvancedPlan plan = plan_advanced(key_from(key), shape_from(data_shape));
-    return nb::make_tuple(numpy_list(plan.arrays), int_tuple(plan.new_axes));
+    return nb::make_tuple(numpy_list(plan.arrays), shape_tuple(plan.new_axes));
   }, nb::arg("key"), nb::arg("data_shape"),
      py::doc("Plans an advanced key: one integer array per indexed axis, all of one broadcast shape.",
              {"key: an expanded key (a tuple of entries, None entries included).",
@@ -710,7 +693,7 @@ void init_plan(nb::module_& m, nb::class_<QTensor>&) {
           for (nb::handle it : nb::iter(key)) none_at[i++] = it.is_none();
           for (int64_t ax : ints_of(adv_axs))
             if (ax >= 0 && size_t(ax) < n) advanced_at[size_t(ax)] = true;
-          return int_tuple(new_axes_after(none_at, advanced_at, bcast_adv_ndim, adjacent));
+          return shape_tuple(new_axes_after(none_at, advanced_at, bcast_adv_ndim, adjacent));
         },
         nb::arg("key"), nb::arg("adv_axs"), nb::arg("bcast_adv_ndim"), nb::arg("adv_are_adjacent"),
         py::doc("Where the None entries of a key stand among the axes of a value for assignment.",

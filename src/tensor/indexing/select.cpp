@@ -29,11 +29,7 @@ namespace {
 std::string positions_text(nb::handle entry) {
   QTensor& q = as_qtensor(entry, "select");
   Tensor t = core_of(q, "select");
-  if (t.device() != kCpuDevice) {
-    // Read through to_numpy, which refuses accelerator data with its own message.
-    nb::object array = nb::borrow(entry).attr("to_numpy")();
-    t = py::tensor_from_array(array, kCpuDevice, std::nullopt, "select");
-  }
+  if (t.device() != kCpuDevice) t = to_device(t, kCpuDevice, "select");  // as to_numpy reads it
   if (t.dtype() != DType::Int64) t = to_dtype(t, DType::Int64, true);
   std::string s;
   const int64_t* p = t.data<int64_t>();

@@ -14,8 +14,6 @@ namespace {
 // SystemExit); C++ failures all are.
 bool is_exception(const nb::python_error& e) { return e.matches(PyExc_Exception); }
 
-std::vector<int64_t> dims_of(const Shape& s) { return std::vector<int64_t>(s.begin(), s.end()); }
-
 std::shared_ptr<GatherState> gather_state(const Gather& g) {
   auto state = std::make_shared<GatherState>();
   state->layout = g.layout;
