@@ -12,12 +12,10 @@
 namespace tramel {
 namespace {
 
-// a += b as numpy's add.at forms it: integers wrap, bools or.
+// a += b as numpy's add.at forms it (integers wrap, bools or): the engine's own sum.
 template <typename T>
 inline void accumulate(T& a, T b) {
-  if constexpr (std::is_same_v<T, bool>) a = a || b;
-  else if constexpr (std::is_integral_v<T>) a = T(std::make_unsigned_t<T>(a) + std::make_unsigned_t<T>(b));
-  else a += b;
+  a = fn::Add{}(a, b);
 }
 
 // ---- regions (Note [index plans]) ----

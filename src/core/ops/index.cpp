@@ -429,12 +429,8 @@ Tensor run_starts(const char* op, const GatherLayout& s, const Tensor& indices) 
   return starts;
 }
 
-Shape shape_of(const std::vector<int64_t>& dims, const char* op) {
-  if (dims.size() > size_t(kMaxRank))
-    fail(ErrorKind::Value, op, "rank " + std::to_string(dims.size()) + " exceeds the largest supported rank " +
-                                   std::to_string(kMaxRank));
-  return Shape(dims.data(), int(dims.size()), op);
-}
+// Shape checks the rank and the element count.
+Shape shape_of(const std::vector<int64_t>& dims, const char* op) { return Shape(dims.data(), int(dims.size()), op); }
 
 Tensor gather(const char* op, const Tensor& src, const GatherLayout& runs, const Tensor& indices,
               const std::vector<int64_t>& oshape) {
