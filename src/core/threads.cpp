@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "core/kernels/blas.h"
 #include "core/ops.h"
 #include "core/parallel.h"
 #ifdef _OPENMP
@@ -43,6 +44,7 @@ void set_num_threads(int n) {
 #ifdef _OPENMP
   omp_set_num_threads(n);
 #endif
+  scipy_openblas_set_num_threads(n);  // BLAS keeps its own thread pool
 }
 
 bool wide_vectors() {
