@@ -230,6 +230,61 @@ Tensor set_adv_indexing_grad(const Tensor& g, const GatherLayout& layout, const 
 // j, in row-major order of the elements. A 0-d x gives shape (0, count).
 Tensor nonzero(const Tensor& x);
 
+// ---- matrix products (product) ----
+// a times b on the last two axes: rank 2 for mult2D, 3 for bmm, 4 for
+// matmul, both operands of that rank (ValueError naming the shapes
+// otherwise). With ta (tb) an operand enters with its last two axes
+// exchanged, without conjugation. Batch axes do not broadcast: they must be
+// equal. Mixed dtypes promote; bool operands compute in int64. Floating and
+// complex products go to BLAS GEMM (the flags become its transposition
+// flags), tiny matrices to a direct kernel, integers to a plain loop.
+Tensor mult2D(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
+Tensor bmm(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
+Tensor matmul(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
+
+// ---- matrix parts, complex parts and spectra (linalg) ----
+// The Kronecker product (numpy's kron: the operand of lower rank gets
+// leading axes of length one); its gradients, for g of the product's shape,
+// under the convention of the backward walk (a product's gradient takes the
+// conjugate of the partner): sum over b's block of g * conj(b), and the
+// same for b.
+Tensor kron(const Tensor& a, const Tensor& b);
+Tensor kron_grad_a(const Tensor& g, const Tensor& a, const Tensor& b);
+Tensor kron_grad_b(const Tensor& g, const Tensor& a, const Tensor& b);
+// Elements above (tril) or below (triu) diagonal number `diagonal` of the
+// last two axes set to zero; rank 2 and above.
+Tensor triu(const Tensor& t, int64_t diagonal);
+Tensor tril(const Tensor& t, int64_t diagonal);
+// The sum of diagonal number k of the last two axes, per leading index
+// (a rank-2 tensor gives a 0-d tensor); an offset past the matrix sums
+// nothing (zero). trace_grad spreads g (of the leading shape) onto that
+// diagonal of zeros of `shape`.
+Tensor trace(const Tensor& t, int64_t k);
+Tensor trace_grad(const Tensor& g, const Shape& shape, int64_t offset);
+// Real and imaginary parts in the real dtype of a complex tensor; a real
+// tensor gives a copy, and zeros of its dtype for the imaginary part.
+Tensor real(const Tensor& t);
+Tensor imag(const Tensor& t);
+// Eigen-decomposition of Hermitian (real symmetric) matrices on the last two
+// axes, batched over the leading ones, through LAPACK ?heevd/?syevd on the
+// lower triangle. Eigenvalues ascending, in the real dtype (integers and
+// bools in the default float dtype). eigvalsh_grad(g, a) = V diag(g) V^H in
+// a's (floating) dtype. eigh packs both in one tensor of a's floating dtype,
+// shape [..., n + 1, n]: row 0 the eigenvalues, rows 1..n the matrix V whose
+// columns are the eigenvectors (a = V diag(w) V^H).
+Tensor eigvalsh(const Tensor& a);
+Tensor eigvalsh_grad(const Tensor& g, const Tensor& a);
+Tensor eigh(const Tensor& a);
+// The 2-norm along one wrapped axis: the norm (real dtype) and the sum of
+// squared magnitudes it was taken from, both with the axis kept as one when
+// keepdims, dropped otherwise; the gradient is g * x / norm, spread along
+// the axis (zero where the norm is zero).
+struct NormAlongAxis {
+  Tensor norm, square_sum;
+};
+NormAlongAxis l2_norm(const Tensor& t, int64_t axis, bool keepdims);
+Tensor l2_norm_grad(const Tensor& x, const Tensor& square_sum, const Tensor& g, int64_t axis);
+
 // ---- whole-tensor queries and arg-reductions (reduce) ----
 bool all(const Tensor& t);
 bool any(const Tensor& t);
