@@ -2,21 +2,23 @@
 //
 // Note [product paths]
 // Floating and complex products go to BLAS GEMM, the transposition flags
-// becoming CBLAS's (CblasTrans: never a copy, never a conjugate). Two kinds
-// of product skip BLAS, whose call costs a fixed time of its own (argument
-// checks, dispatch, packing) that dwarfs a tiny product:
-//  - matrices of at most kDirectVolume multiply-adds (m * n * k), the 2x2 and
-//    4x4 matrices of a circuit or a batch of them;
-//  - a product whose left matrix is tiny (m * k <= kDirectLeft) and whose
+// becoming CBLAS's (CblasTrans: never a copy, never a conjugate). OpenBLAS
+// has small-matrix kernels of its own for float32 and float64, which a plain
+// loop did not beat at any size on one thread, so every real product goes
+// there. Its complex GEMM costs a fixed 50 to 90 ns even for a 2x2 product,
+// and packs its operands, so two kinds of complex product skip it:
+//  - matrices of at most kDirectVolume multiply-adds (m * n * k), the 2x2
+//    to 8x8 matrices of a circuit or a batch of them;
+//  - a product whose left matrix is small (m * k <= kDirectLeft) and whose
 //    right one is stored untransposed: a gate on a long state, [2, 2] times
 //    [2, 2^(n-1)]. Each row of the result is a short sum of scaled rows of b,
-//    computed a block of columns at a time, which streams b at memory speed.
-// Both thresholds were measured against OpenBLAS on one thread (see
+//    computed a block of columns at a time, which streams b at memory speed
+//    (4x faster than zgemm for 2 x 32768).
+// Both thresholds are where BLAS overtook the direct loop on one thread (see
 // docs/performance.md). Integer products (bool computes as int64) always take
-// the direct loop, with wrapping arithmetic. So does a product whose
+// the direct loop, with wrapping arithmetic; so does a product whose
 // dimensions do not fit BLAS's 32-bit integers.
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include "core/kernels/blas.h"
@@ -25,12 +27,8 @@
 namespace tramel {
 namespace {
 
-int64_t env_or(const char* name, int64_t fallback) {
-  const char* v = std::getenv(name);
-  return v ? std::atoll(v) : fallback;
-}
-const int64_t kDirectVolume = env_or("TRAMEL_DIRECT_VOLUME", 4096);
-const int64_t kDirectLeft = env_or("TRAMEL_DIRECT_LEFT", 16);
+constexpr int64_t kDirectVolume = 8 * 8 * 8;
+constexpr int64_t kDirectLeft = 8 * 8;
 // Columns of the result computed together: a block of each row of b and c
 // stays in L1 while the short sums run over it.
 constexpr int64_t kColumnBlock = 256;
@@ -113,7 +111,11 @@ void gemm(CBLAS_TRANSPOSE ta, CBLAS_TRANSPOSE tb, int m, int n, int k, const c12
 
 bool fits_int(const ProductShape& p) { return p.m <= INT_MAX && p.n <= INT_MAX && p.k <= INT_MAX; }
 
+// Whether a product of element type T takes the direct loop (see Note [product paths]).
+template <typename T>
 bool direct(const ProductShape& p) {
+  if (!fits_int(p)) return true;
+  if constexpr (!is_complex_v<T>) return false;
   if (p.m * p.n <= kDirectVolume / p.k) return true;  // m * n * k <= kDirectVolume, without overflow
   return !p.tb && p.m * p.k <= kDirectLeft;
 }
@@ -131,7 +133,7 @@ void product(const Tensor& a, const Tensor& b, Tensor& out, const ProductShape& 
     if constexpr (std::is_integral_v<T>) {
       direct_products(x, y, z, p);
     } else {
-      if (direct(p) || !fits_int(p)) return direct_products(x, y, z, p);
+      if (direct<T>(p)) return direct_products(x, y, z, p);
       const int m = int(p.m), n = int(p.n), k = int(p.k);
       const int lda = p.ta ? m : k, ldb = p.tb ? k : n;
       const CBLAS_TRANSPOSE ta = p.ta ? CblasTrans : CblasNoTrans, tb = p.tb ? CblasTrans : CblasNoTrans;
