@@ -48,12 +48,34 @@ TRAMEL_BODY void direct_block_body(const T* a, const T* b, T* c, int64_t m, int6
       int64_t je = jb + kColumnBlock < j1 ? jb + kColumnBlock : j1;
       for (int64_t i = 0; i < m; ++i) {
         T* ci = c + i * n;
-        T s = a[i * ar];
-        for (int64_t j = jb; j < je; ++j) ci[j] = fn::mul(s, b[j]);
-        for (int64_t p = 1; p < k; ++p) {
-          T s2 = a[i * ar + p * ac];
+        for (int64_t p = 0; p < k; ++p) {
+          const T s = a[i * ar + p * ac];
           const T* bp = b + p * n;
-          for (int64_t j = jb; j < je; ++j) ci[j] = madd(ci[j], s2, bp[j]);
+          if constexpr (is_complex_v<T>) {
+            // On the real and imaginary parts: std::complex arrays do not vectorise.
+            using R = typename T::value_type;
+            const R sr = s.real(), si = s.imag();
+            const R* br = reinterpret_cast<const R*>(bp + jb);
+            R* cr = reinterpret_cast<R*>(ci + jb);
+            const int64_t len = je - jb;
+            if (p == 0) {
+              for (int64_t j = 0; j < len; ++j) {
+                const R x = br[2 * j], y = br[2 * j + 1];
+                cr[2 * j] = sr * x - si * y;
+                cr[2 * j + 1] = sr * y + si * x;
+              }
+            } else {
+              for (int64_t j = 0; j < len; ++j) {
+                const R x = br[2 * j], y = br[2 * j + 1];
+                cr[2 * j] += sr * x - si * y;
+                cr[2 * j + 1] += sr * y + si * x;
+              }
+            }
+          } else if (p == 0) {
+            for (int64_t j = jb; j < je; ++j) ci[j] = fn::mul(s, bp[j]);
+          } else {
+            for (int64_t j = jb; j < je; ++j) ci[j] = madd(ci[j], s, bp[j]);
+          }
         }
       }
     }
