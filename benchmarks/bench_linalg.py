@@ -13,10 +13,9 @@ os.environ["OPENBLAS_NUM_THREADS"] = "1"
 
 import numpy as np  # noqa: E402
 
-from pytramel import _core  # noqa: E402
 from pytramel.tensor import tensor as tt  # noqa: E402
 from pytramel.tensor.tensor import QTensor  # noqa: E402
-from timing import best, options, print_table, torch, verdict  # noqa: E402
+from timing import best, one_thread, options, print_table, torch, verdict  # noqa: E402
 
 RNG = np.random.default_rng(0)
 
@@ -72,9 +71,7 @@ CASES = [
 
 def main():
     repeat, scale = options(__doc__)
-    _core.set_num_threads(1)
-    if torch:
-        torch.set_num_threads(1)
+    one_thread()
     rows = []
     for label, make, number, check in CASES:
         calls = make()
