@@ -7,10 +7,9 @@ tensor layer's operators.
 """
 import numpy as np
 
-from pytramel import _core
 from pytramel.tensor import tensor as tt
 from pytramel.tensor.tensor import QTensor
-from timing import best, options, print_table, torch, verdict
+from timing import best, one_thread, options, print_table, torch, verdict
 
 
 def rows(repeat, scale):
@@ -58,9 +57,7 @@ def rows(repeat, scale):
 
 def main():
     repeat, scale = options(__doc__)
-    _core.set_num_threads(1)
-    if torch:
-        torch.set_num_threads(1)
+    one_thread()
     print_table(rows(repeat, scale), ["pytramel", "numpy", "torch"], repeat)
 
 

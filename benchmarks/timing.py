@@ -19,6 +19,14 @@ def options(doc):
     return (3, 10) if args.quick else (7, 1)
 
 
+def one_thread():
+    """pytramel and PyTorch on one thread (numpy's BLAS takes OPENBLAS_NUM_THREADS at its import)."""
+    from pytramel import _core
+    _core.set_num_threads(1)
+    if torch:
+        torch.set_num_threads(1)
+
+
 def best(fn, number, repeat):
     """Seconds per call: the fastest of `repeat` runs of `number` calls."""
     return min(timeit.repeat(fn, number=number, repeat=repeat)) / number

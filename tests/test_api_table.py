@@ -34,6 +34,7 @@ API = {
             "sign sin sinh sqrt square sub sums tan tanh toposort zeros"
         ),
         "test_export": "get_opinfo",
+        "test_matmul": "helper_function_bmm helper_function_matmul2d helper_function_matmul4d matmul tensordot",
         "test_indexing": "get_bdshape_for_slice select set_select",
         "test_host_device": (
             "float2complex helper_function_copy_c_tensor "
@@ -92,6 +93,7 @@ API = {
             "sin sinh sqrt square sub sum tan tanh"
         ),
         "test_backend": "sqrt_grad tan_grad",
+        "test_matmul": "bmm matmul mult2D",
         "test_core_reduce_shape": "flatten flip median squeeze squeeze_ swapaxis transpose transpose_ unsqueeze var",
         "test_core_index": (
             "adv_indexing adv_indexing_grad nonzero select select_bp set_adv_indexing set_adv_indexing_grad "

@@ -107,6 +107,16 @@ using ArgAxesKernel = void (*)(const Tensor& t, Tensor& out, const bool* reduced
 using TransposeKernel = void (*)(const Tensor& in, Tensor& out, const int* perm);
 using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
 
+// ---- matrix products ----
+// `batch` products out[i] = op(a[i]) op(b[i]) of dense row-major matrices:
+// op(a) is m x k, stored k x m when ta; op(b) is k x n, stored n x k when tb;
+// out[i] is m x n. Operands are in out's dtype, out is not empty; k may be 0.
+struct ProductShape {
+  int64_t batch, m, n, k;
+  bool ta, tb;
+};
+using ProductKernel = void (*)(const Tensor& a, const Tensor& b, Tensor& out, const ProductShape& p);
+
 // ---- indexing ----
 // Note [index plans]
 // The fronts of the indexing family parse and check their indices on the host
@@ -206,6 +216,7 @@ using NonzeroKernel = void (*)(const Tensor& t, Tensor& out);
   ONE(broadcast, MapKernel)                                              \
   ONE(transpose, TransposeKernel)                                        \
   ONE(flip, FlipKernel)                                                  \
+  ONE(product, ProductKernel)                                            \
   ONE(select, SelectKernel)                                              \
   ONE(select_write, SelectWriteKernel)                                   \
   ONE(index_resolve, ResolveKernel)                                      \

@@ -235,9 +235,12 @@ Tensor nonzero(const Tensor& x);
 // matmul, both operands of that rank (ValueError naming the shapes
 // otherwise). With ta (tb) an operand enters with its last two axes
 // exchanged, without conjugation. Batch axes do not broadcast: they must be
-// equal. Mixed dtypes promote; bool operands compute in int64. Floating and
-// complex products go to BLAS GEMM (the flags become its transposition
-// flags), tiny matrices to a direct kernel, integers to a plain loop.
+// equal; the message of a mismatch names both shapes. Operands on different
+// devices are refused (RuntimeError). Mixed dtypes promote; bool operands
+// compute in int64. Floating and complex products go to BLAS GEMM (the
+// flags become its transposition flags), tiny complex matrices and small
+// gates on long rows to a direct kernel, integers to a plain loop with
+// wrapping arithmetic (Note [product paths] in kernels/product.cpp).
 Tensor mult2D(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
 Tensor bmm(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
 Tensor matmul(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);

@@ -132,6 +132,7 @@ const Kernels& host_kernels() {
     add_shape_kernels(k);
     add_permute_kernels(k);
     add_index_kernels(k);
+    add_product_kernels(k);
     return k;
   }();
   return table;

@@ -17,5 +17,6 @@ void add_reduce_kernels(Kernels& k);      // reduce.cpp
 void add_shape_kernels(Kernels& k);       // shape.cpp
 void add_permute_kernels(Kernels& k);     // permute.cpp
 void add_index_kernels(Kernels& k);       // index.cpp
+void add_product_kernels(Kernels& k);     // product.cpp
 
 }  // namespace tramel

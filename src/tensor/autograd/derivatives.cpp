@@ -34,6 +34,25 @@ template <int Me>
 Tensor extremum_share(G g, D d) {
   return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(Me), d.result(), d.input(1 - Me), g.dtype())), d);
 }
+// x's conjugate; x itself when it is real, where the engine's conj would copy.
+const Tensor& conj_of(const Tensor& x, Tensor& holder) {
+  if (!is_complex(x.dtype())) return x;
+  holder = unary(UnaryOp::Conj, x);
+  return holder;
+}
+// Products on the last two axes: g conj(b)^T for a, conj(a)^T g for b.
+using Product = Tensor (*)(const Tensor&, const Tensor&, bool, bool);
+template <Product F> Tensor product_grad_a(G g, D d) {
+  Tensor h;
+  return F(g, conj_of(d.input(1), h), false, true);
+}
+template <Product F> Tensor product_grad_b(G g, D d) {
+  Tensor h;
+  return F(conj_of(d.input(0), h), g, true, false);
+}
+template <Product F> constexpr Derivatives product_row(const char* op) {
+  return {op, {{kInputs, product_grad_a<F>}, {kInputs, product_grad_b<F>}}};
+}
 Tensor times_conj_of(UnaryOp f, G g, const Tensor& x) { return binary(BinaryOp::Mul, g, unary(UnaryOp::Conj, unary(f, x))); }
 
 const Derivatives kDerivatives[] = {
@@ -53,6 +72,11 @@ const Derivatives kDerivatives[] = {
     {"minimum", {{kBoth, extremum_share<0>}, {kBoth, extremum_share<1>}}},
     {"clip", {{kInputs, [](G g, D d) { return clamp_grad(d.input(0), g, d.bounds[0], d.bounds[1]); }}}},
     {"astype", {{kInputs, [](G g, D d) { return to_dtype(g, d.input(0).dtype(), true); }}}},
+
+    // ---- matrix products ----
+    product_row<mult2D>("helper_function_matmul2d"),
+    product_row<bmm>("helper_function_bmm"),
+    product_row<matmul>("helper_function_matmul4d"),
 
     // ---- one-input functions ----
     {"floor", {kNone}},  // no edge: the result is a leaf

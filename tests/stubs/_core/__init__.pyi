@@ -1320,4 +1320,94 @@ class Tensor:
             A new int64 core tensor of shape (ndim, count) on the same device.
         """
 
+    @overload
+    @staticmethod
+    def mult2D(a: Tensor, b: Tensor) -> Tensor:
+        """
+        The product of two matrices.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    @overload
+    @staticmethod
+    def mult2D(a: Tensor, b: Tensor, ta: int, tb: int) -> Tensor:
+        """
+        The product of two matrices.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+            ta: 1 to take a with its last two axes exchanged (no conjugate), 0 as it is.
+            tb: the same for b.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    @overload
+    @staticmethod
+    def bmm(a: Tensor, b: Tensor) -> Tensor:
+        """
+        The products of two batches of matrices (rank 3), pair by pair; batch sizes must be equal.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    @overload
+    @staticmethod
+    def bmm(a: Tensor, b: Tensor, ta: int, tb: int) -> Tensor:
+        """
+        The products of two batches of matrices (rank 3), pair by pair; batch sizes must be equal.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+            ta: 1 to take a with its last two axes exchanged (no conjugate), 0 as it is.
+            tb: the same for b.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    @overload
+    @staticmethod
+    def matmul(a: Tensor, b: Tensor) -> Tensor:
+        """
+        The products of two double batches of matrices (rank 4), pair by pair; the batch axes must be equal.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    @overload
+    @staticmethod
+    def matmul(a: Tensor, b: Tensor, ta: int, tb: int) -> Tensor:
+        """
+        The products of two double batches of matrices (rank 4), pair by pair; the batch axes must be equal.
+
+        Args:
+            a: a core tensor; the matrices are its last two axes.
+            b: a core tensor of the same rank and leading axes.
+            ta: 1 to take a with its last two axes exchanged (no conjugate), 0 as it is.
+            tb: the same for b.
+
+        Returns:
+            A new core tensor of the promoted dtype (int64 for bools).
+        """
+
 CoreTensor: TypeAlias = Tensor

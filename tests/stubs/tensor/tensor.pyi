@@ -1316,6 +1316,68 @@ def flip(t: QTensor | None, flip_dims: int | Sequence[int] | None) -> QTensor:
         A new QTensor of t's shape; differentiable.
     """
 
+def helper_function_matmul2d(t1: QTensor | None, t2: QTensor | None) -> QTensor:
+    """
+    The product of two matrices (rank 2): the 2d path of matmul.
+
+    Args:
+        t1: a QTensor.
+        t2: a QTensor of t1's rank, with t1's leading axes.
+
+    Returns:
+        A new QTensor; differentiable.
+    """
+
+def helper_function_bmm(t1: QTensor | None, t2: QTensor | None) -> QTensor | None:
+    """
+    The products of two batches of matrices (rank 3), pair by pair: the 3d path of matmul.
+
+    Args:
+        t1: a QTensor.
+        t2: a QTensor of t1's rank, with t1's leading axes.
+
+    Returns:
+        A new QTensor; differentiable. None when either operand is not of rank 3.
+    """
+
+def helper_function_matmul4d(t1: QTensor | None, t2: QTensor | None) -> QTensor:
+    """
+    The products of two double batches of matrices (rank 4), pair by pair: the 4d path of matmul.
+
+    Args:
+        t1: a QTensor.
+        t2: a QTensor of t1's rank, with t1's leading axes.
+
+    Returns:
+        A new QTensor; differentiable.
+    """
+
+def matmul(t1: QTensor | None, t2: QTensor | None) -> QTensor:
+    """
+    The matrix product on the last two axes of two tensors of rank 2, 3 or 4 (the same rank; batch axes equal).
+
+    Args:
+        t1: a QTensor.
+        t2: a QTensor of t1's rank, with t1's leading axes.
+
+    Returns:
+        A new QTensor; differentiable.
+    """
+
+def tensordot(x: QTensor | None, y: QTensor | None, dim1: object, dim2: object) -> QTensor:
+    """
+    The contraction of two tensors over pairs of axes, as one 2d matmul of the flattened tensors.
+
+    Args:
+        x: a QTensor.
+        y: a QTensor.
+        dim1: an iterable of axes of x; negative ones count from the end.
+        dim2: an iterable of axes of y, paired with dim1; the surplus of the longer list serves both.
+
+    Returns:
+        A new QTensor of x's free axes, then y's; differentiable.
+    """
+
 def maximum(t1: QTensor | None, t2: QTensor | None) -> QTensor:
     """
     Element-wise maximum of two tensors of one shape; a NaN on either side wins.
