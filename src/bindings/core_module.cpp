@@ -15,6 +15,7 @@ void init_elementwise(nb::module_& m);
 void init_shape(nb::module_& m);
 void init_reduce(nb::module_& m);
 void init_index(nb::module_& m);
+void init_linalg(nb::module_& m);
 void init_testing(nb::module_& m);
 
 namespace {
@@ -96,5 +97,6 @@ NB_MODULE(_core, m) {
   init_shape(m);
   init_reduce(m);
   init_index(m);
+  init_linalg(m);
   init_testing(m);
 }
