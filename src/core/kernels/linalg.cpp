@@ -87,7 +87,7 @@ void kron_grad(const Tensor& g, const Tensor& other, Tensor& out, bool left) {
     const T *gd = g.data<T>(), *y = other.data<T>();
     T* o = out.data<T>();
     int64_t n = other.numel();
-    parallel_for(out.numel(), std::max<int64_t>(1, kParallelGrain / n), [&](int64_t lo, int64_t hi) {
+    parallel_for(out.numel(), std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(n, 1)), [&](int64_t lo, int64_t hi) {
       for (int64_t i = lo; i < hi; ++i) {
         const T* base = gd + mine[size_t(i)];
         T s = T(0);
