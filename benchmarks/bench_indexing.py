@@ -10,10 +10,9 @@ import sys
 
 import numpy as np
 
-from pytramel import _core
 from pytramel.tensor import tensor as tt
 from pytramel.tensor.tensor import QTensor
-from timing import best, fmt, options, torch
+from timing import best, fmt, one_thread, options, torch
 
 
 def ratio(ours, theirs):
@@ -93,9 +92,7 @@ def large(rows, repeat, scale):
 
 def main():
     repeat, scale = options(__doc__)
-    _core.set_num_threads(1)
-    if torch:
-        torch.set_num_threads(1)
+    one_thread()
     rows = []
     tiny(rows, repeat, scale)
     large(rows, repeat, scale)

@@ -11,10 +11,9 @@ os.environ["OPENBLAS_NUM_THREADS"] = "1"
 
 import numpy as np  # noqa: E402
 
-from pytramel import _core  # noqa: E402
 from pytramel.tensor import tensor as tt  # noqa: E402
 from pytramel.tensor.tensor import QTensor  # noqa: E402
-from timing import best, options, print_table, torch, verdict  # noqa: E402
+from timing import against, run_table, torch, verdict  # noqa: E402
 
 
 def rows(repeat, scale):
@@ -29,20 +28,11 @@ def rows(repeat, scale):
         ("eigvalsh", lambda: tt.eigvalsh(q), lambda: np.linalg.eigvalsh(h), lambda: torch.linalg.eigvalsh(th), 1.1),
         ("eigh", lambda: tt.eigh(q), lambda: np.linalg.eigh(h), lambda: torch.linalg.eigh(th), None),
     ]:
-        t_ours, t_np = best(ours, number, repeat), best(ref_np, number, repeat)
-        t_torch = best(ref_torch, number, repeat) if torch else None
-        out.append((f"{what}, {n}x{n} c128", [t_ours, t_np, t_torch],
-                    verdict(t_ours / t_np, target, "numpy") if target else f"{t_ours / t_np:.2f}x numpy"))
+        times = against(ours, ref_np, ref_torch, number, repeat)
+        ratio = times[0] / times[1]
+        out.append((f"{what}, {n}x{n} c128", times, verdict(ratio, target, "numpy") if target else f"{ratio:.2f}x numpy"))
     return out
 
 
-def main():
-    repeat, scale = options(__doc__)
-    _core.set_num_threads(1)
-    if torch:
-        torch.set_num_threads(1)
-    print_table(rows(repeat, scale), ["pytramel", "numpy", "torch"], repeat)
-
-
 if __name__ == "__main__":
-    main()
+    run_table(__doc__, rows)

@@ -19,9 +19,30 @@ def options(doc):
     return (3, 10) if args.quick else (7, 1)
 
 
+def one_thread():
+    """Our loops (and BLAS, which follows them) and PyTorch's on one thread."""
+    from pytramel import _core
+    _core.set_num_threads(1)
+    if torch:
+        torch.set_num_threads(1)
+
+
 def best(fn, number, repeat):
     """Seconds per call: the fastest of `repeat` runs of `number` calls."""
     return min(timeit.repeat(fn, number=number, repeat=repeat)) / number
+
+
+def against(ours, ref_np, ref_torch, number, repeat):
+    """[ours, numpy, PyTorch or None] seconds per call."""
+    return [best(ours, number, repeat), best(ref_np, number, repeat),
+            best(ref_torch, number, repeat) if torch else None]
+
+
+def run_table(doc, rows):
+    """The usual main: rows(repeat, scale) timed on one thread and printed as a table."""
+    repeat, scale = options(doc)
+    one_thread()
+    print_table(rows(repeat, scale), ["pytramel", "numpy", "torch"], repeat)
 
 
 def fmt(seconds):

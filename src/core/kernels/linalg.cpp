@@ -14,12 +14,6 @@
 namespace tramel {
 namespace {
 
-template <typename T>
-inline T conj_of(T v) {
-  if constexpr (is_complex_v<T>) return std::conj(v);
-  else return v;
-}
-
 // ---- Kronecker product ----
 
 // Element (i_0, ..., i_k) of a factor of shape `s` lands in the product at
@@ -91,7 +85,7 @@ void kron_grad(const Tensor& g, const Tensor& other, Tensor& out, bool left) {
       for (int64_t i = lo; i < hi; ++i) {
         const T* base = gd + mine[size_t(i)];
         T s = T(0);
-        for (int64_t j = 0; j < n; ++j) s = fn::Add{}(s, fn::Mul{}(base[theirs[size_t(j)]], conj_of(y[j])));
+        for (int64_t j = 0; j < n; ++j) s = fn::Add{}(s, fn::Mul{}(base[theirs[size_t(j)]], fn::conj(y[j])));
         o[i] = s;
       }
     });

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/kernels/blas.h"
+#include "core/kernels/functors.h"
 #include "core/kernels/host_kernels.h"
 
 namespace tramel {
@@ -69,12 +70,6 @@ template <> struct Lapack<c128> {
     scipy_cblas_zgemm(CblasColMajor, CblasNoTrans, CblasConjTrans, n, n, n, &one, a, n, b, n, &zero, c, n);
   }
 };
-
-template <typename T>
-inline T conj_of(T v) {
-  if constexpr (is_complex_v<T>) return std::conj(v);
-  else return v;
-}
 
 // A workspace size LAPACK reported in a floating number, rounded up.
 template <typename R>
@@ -139,7 +134,7 @@ int eigh(const Tensor& a, Tensor& out, bool vectors) {
       const T* z = solver.matrix();
       T* v = packed + n;
       for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) v[int64_t(i) * n + j] = conj_of(z[i + int64_t(j) * n]);
+        for (int j = 0; j < n; ++j) v[int64_t(i) * n + j] = fn::conj(z[i + int64_t(j) * n]);
     }
     return 0;
   });
