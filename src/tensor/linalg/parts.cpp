@@ -28,8 +28,11 @@ TensorResult triangle_op(TensorArg t, const py::Axis& diagonal, bool upper) {
   int64_t d = diagonal.get(op, "diagonal");
   nb::object y = make_result(upper ? triu(x, d) : tril(x, d), {t}, upper ? triu_row : tril_row,
                              [&](int, Edge& e) { e.derivative.axes = {d}; });
-  if (upper) record_one_input(y, t, " triu ", "Triu", "_triu_", {{"k", diagonal}});
-  else record_one_input(y, t, " tril ", "Tril", "_tril_", {{"k", diagonal}});
+  // (sic) the record's k is always 0: the recording is not handed the call's
+  // diagonal and keeps its own default.
+  nb::object k = nb::int_(0);
+  if (upper) record_one_input(y, t, " triu ", "Triu", "_triu_", {{"k", k}});
+  else record_one_input(y, t, " tril ", "Tril", "_tril_", {{"k", k}});
   return y;
 }
 
