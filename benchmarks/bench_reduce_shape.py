@@ -9,7 +9,7 @@ import numpy as np
 
 from pytramel.tensor import tensor as tt
 from pytramel.tensor.tensor import QTensor
-from timing import best, one_thread, options, print_table, torch, verdict
+from timing import against, best, run_table, torch, verdict
 
 
 def rows(repeat, scale):
@@ -17,10 +17,9 @@ def rows(repeat, scale):
     out = []
 
     def add(what, ours, ref_np, ref_torch, number, target):
-        t_ours, t_np = best(ours, number, repeat), best(ref_np, number, repeat)
-        t_torch = best(ref_torch, number, repeat) if torch else None
-        out.append((what, [t_ours, t_np, t_torch], verdict(t_ours / t_np, target, "numpy") if target else ""))
-        return t_ours
+        times = against(ours, ref_np, ref_torch, number, repeat)
+        out.append((what, times, verdict(times[0] / times[1], target, "numpy") if target else ""))
+        return times[0]
 
     a = rng.random((2000, 5000), dtype=np.float32)
     qa, ta = QTensor(a), (torch.from_numpy(a) if torch else None)
@@ -55,11 +54,5 @@ def rows(repeat, scale):
     return out
 
 
-def main():
-    repeat, scale = options(__doc__)
-    one_thread()
-    print_table(rows(repeat, scale), ["pytramel", "numpy", "torch"], repeat)
-
-
 if __name__ == "__main__":
-    main()
+    run_table(__doc__, rows)

@@ -32,6 +32,19 @@ def best(fn, number, repeat):
     return min(timeit.repeat(fn, number=number, repeat=repeat)) / number
 
 
+def against(ours, ref_np, ref_torch, number, repeat):
+    """[ours, numpy, PyTorch or None] seconds per call."""
+    return [best(ours, number, repeat), best(ref_np, number, repeat),
+            best(ref_torch, number, repeat) if torch else None]
+
+
+def run_table(doc, rows):
+    """The usual main: rows(repeat, scale) timed on one thread and printed as a table."""
+    repeat, scale = options(doc)
+    one_thread()
+    print_table(rows(repeat, scale), ["pytramel", "numpy", "torch"], repeat)
+
+
 def fmt(seconds):
     if seconds is None:
         return "-"

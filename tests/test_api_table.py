@@ -36,6 +36,7 @@ API = {
         "test_export": "get_opinfo",
         "test_matmul": "helper_function_bmm helper_function_matmul2d helper_function_matmul4d matmul tensordot",
         "test_indexing": "get_bdshape_for_slice select set_select",
+        "test_linalg_parts": "adjoint conj eigh eigvalsh frobenius_norm imag kron real trace tril triu",
         "test_host_device": (
             "float2complex helper_function_copy_c_tensor "
             "helper_function_to_cast_core_tensor_dtype"
@@ -92,7 +93,9 @@ API = {
             "logical_xor maximum minimum mult mult_ neg not_equal reciprocal reshape_ round sign "
             "sin sinh sqrt square sub sum tan tanh"
         ),
-        "test_backend": "sqrt_grad tan_grad",
+        # The matrix parts and the norm's gradient are checked against numpy through the operators
+        # of test_linalg_parts, and on an accelerator by the sweep.
+        "test_backend": "l2_norm_grad sqrt_grad tan_grad trace trace_grad tril triu",
         "test_matmul": "bmm matmul mult2D",
         "test_core_reduce_shape": "flatten flip median squeeze squeeze_ swapaxis transpose transpose_ unsqueeze var",
         "test_core_index": (
@@ -107,7 +110,8 @@ API = {
         # test_elementwise, and on an accelerator by the sweep.
         "test_backend": (
             "acos_grad asin_grad atan_grad div_dxgrad div_dygrad exp_grad log_grad mult_grad "
-            "power_grad_of_base power_grad_of_exp square_grad tanh_grad"
+            "power_grad_of_base power_grad_of_exp square_grad tanh_grad "
+            "eigh eigvalsh eigvalsh_grad imag kron kron_t1grad kron_t2grad real"
         ),
         "test_core_reduce_shape": "cumsum cumsumgrad",
     },

@@ -24,6 +24,11 @@ def data(nptype, seed=1, shape=(3, 4)):
     return sample(shape, nptype, seed)
 
 
+def hermitian(nptype):
+    a = data(nptype, 5, (2, 4, 4))
+    return a + np.conj(np.swapaxes(a, -1, -2))
+
+
 SPECIAL = np.array([1.5, -np.inf, np.nan, 0.0, np.inf, -2.0])
 
 
@@ -156,6 +161,24 @@ SWEEP = [
         5, 2, 4, [2, 3], [12, 4], core([[0, 1, 0, 1, 0], [2, 0, 2, -1, 2]], d), [2, 3, 4])),
     ("nonzero_count", lambda d: T.nonzero(core(data(np.complex64, shape=(2, 3, 4)), d))),
     ("nonzero", lambda d: T.nonzero(core(data(np.bool_), d))),
+    ("kron", lambda d: tramel.kron(core(data(np.int16), d), core(data(np.complex64, 2, (2, 1, 3)), d))),
+    ("kron_grad", lambda d: tramel.kron_t1grad(core(data(np.float64, 3, (3, 8)), d), core(data(np.float64), d),
+                                               core(data(np.float64, 2, (1, 2)), d))),
+    ("kron_grad", lambda d: tramel.kron_t2grad(core(data(np.complex128, 3, (3, 8)), d), core(data(np.int8), d),
+                                               core(data(np.complex128, 2, (1, 2)), d))),
+    ("triangle", lambda d: core(data(np.complex64, shape=(2, 3, 4)), d).triu(-1)),
+    ("triangle", lambda d: core(data(np.bool_), d).tril(1)),
+    ("trace", lambda d: T.trace(core(data(np.int8, shape=(2, 3, 4)), d), 1)),
+    ("trace_grad", lambda d: T.trace_grad(core(data(np.float32, shape=(2,)), d), [2, 3, 4], -1)),
+    ("real", lambda d: tramel.real(core(data(np.complex64), d))),
+    ("imag", lambda d: tramel.imag(core(data(np.complex128), d))),
+    ("norm_axis", lambda d: T.l2_norm(core(data(np.complex64, shape=(2, 3, 4)), d), 1, True)[1]),
+    ("norm_axis_grad", lambda d: T.l2_norm_grad(core(data(np.float64), d), core(data(np.float64, 2, (3,)), d),
+                                                core(data(np.float64, 3, (3,)), d), -1)),
+    ("eigh", lambda d: tramel.eigvalsh(core(hermitian(np.complex128), d))),
+    ("eigh", lambda d: tramel.eigh(core(hermitian(np.float32), d))),
+    ("eigvalsh_grad", lambda d: tramel.eigvalsh_grad(core(data(np.float64, 2, (2, 4)), d),
+                                                     core(hermitian(np.complex64), d))),
     ("convert", lambda d: core(data(np.int32), d).astype(D.kcomplex64)),
     ("convert", lambda d: in_place(T.zeros([3, 4], d, D.kfloat32),
                                    lambda t: tramel.copyTensor(core(data(np.complex128), GPU1 if d else 0), t))),

@@ -16,6 +16,7 @@ void init_shape(nb::module_& m);
 void init_reduce(nb::module_& m);
 void init_index(nb::module_& m);
 void init_product(nb::module_& m);
+void init_linalg(nb::module_& m);
 void init_testing(nb::module_& m);
 
 namespace {
@@ -98,5 +99,6 @@ NB_MODULE(_core, m) {
   init_reduce(m);
   init_index(m);
   init_product(m);
+  init_linalg(m);
   init_testing(m);
 }

@@ -168,6 +168,45 @@ using CountKernel = int64_t (*)(const Tensor& t);
 // out (ndim, count): the coordinates of t's nonzero elements.
 using NonzeroKernel = void (*)(const Tensor& t, Tensor& out);
 
+// ---- matrix parts, complex parts, spectra ----
+// Operands of the Kronecker kernels have one rank (the front gives the lower
+// one leading axes of length one) and out's dtype; out's axis i is
+// a.shape[i] * b.shape[i] long.
+using KronKernel = void (*)(const Tensor& a, const Tensor& b, Tensor& out);
+// The gradient for one factor: g has the product's shape, `other` is the
+// other factor, out the factor whose gradient it is (`left`: the first).
+using KronGradKernel = void (*)(const Tensor& g, const Tensor& other, Tensor& out, bool left);
+// Elements of the last two axes outside the triangle set to zero: kept where
+// col - row >= diagonal (upper) or col - row <= diagonal (lower). Bytes are
+// copied, so any dtype.
+using TriangleKernel = void (*)(const Tensor& in, Tensor& out, int64_t diagonal, bool upper);
+// One diagonal of each matrix of the last two axes: `count` elements from
+// flat offset `start` within the matrix, cols + 1 apart. trace sums them
+// (out: one element per matrix, in its sum dtype); trace_grad writes g's
+// elements there into zeros of out's shape.
+struct DiagonalRun {
+  int64_t start, count;
+};
+using TraceKernel = void (*)(const Tensor& in, Tensor& out, DiagonalRun diagonal);
+using TraceGradKernel = void (*)(const Tensor& g, Tensor& out, DiagonalRun diagonal);
+// The 2-norm over the middle axis of [outer, r, inner]: square_sum and norm
+// [outer, inner] in in's real dtype; in is floating or complex.
+using NormAxisKernel = void (*)(const Tensor& in, Tensor& norm, Tensor& square_sum, int64_t outer, int64_t r,
+                                int64_t inner);
+// out = g * x / sqrt(square_sum), spread along r (zero where the sum is zero);
+// x in out's dtype, square_sum and g ([outer, inner]) in its real dtype.
+using NormGradKernel = void (*)(const Tensor& x, const Tensor& square_sum, const Tensor& g, Tensor& out,
+                                int64_t outer, int64_t r, int64_t inner);
+// Eigen-decomposition of each Hermitian matrix [..., n, n] of a (floating or
+// complex), from its lower triangle. out: the eigenvalues [..., n] (real
+// dtype), or with `vectors` the packed [..., n + 1, n] in a's dtype (row 0
+// the eigenvalues, then V). Returns 0, or the LAPACK info of the first
+// matrix that failed.
+using EighKernel = int (*)(const Tensor& a, Tensor& out, bool vectors);
+// out = V diag(g) V^H per matrix, V the eigenvectors of a; g [..., n] in a's
+// real dtype. Returns as EighKernel.
+using EigvalshGradKernel = int (*)(const Tensor& g, const Tensor& a, Tensor& out);
+
 // The slots of a kernel table: TRAMEL_KERNEL_SLOTS(ONE, MANY) expands
 // ONE(name, type) for a single kernel and MANY(name, type, count, info) for
 // one kernel per operation of an op enum, `info` being the op's row table.
@@ -223,7 +262,18 @@ using NonzeroKernel = void (*)(const Tensor& t, Tensor& out);
   ONE(gather, GatherKernel)                                              \
   ONE(scatter, ScatterKernel)                                            \
   ONE(nonzero_count, CountKernel)                                        \
-  ONE(nonzero, NonzeroKernel)
+  ONE(nonzero, NonzeroKernel)                                            \
+  ONE(kron, KronKernel)                                                  \
+  ONE(kron_grad, KronGradKernel)                                         \
+  ONE(triangle, TriangleKernel)                                          \
+  ONE(trace, TraceKernel)                                                \
+  ONE(trace_grad, TraceGradKernel)                                       \
+  ONE(real, MapKernel)                                                   \
+  ONE(imag, MapKernel)                                                   \
+  ONE(norm_axis, NormAxisKernel)                                         \
+  ONE(norm_axis_grad, NormGradKernel)                                    \
+  ONE(eigh, EighKernel)                                                  \
+  ONE(eigvalsh_grad, EigvalshGradKernel)
 
 // A backend's kernels; an empty slot is a kernel the backend does not have.
 struct Kernels {

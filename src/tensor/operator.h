@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "interop/args.h"
 #include "interop/docs.h"
 #include "tensor/autograd/derivative.h"
 #include "tensor/export/record.h"
@@ -141,6 +142,16 @@ Tensor std_grad(const Tensor& g, nb::handle t, const Tensor& result, const Inlin
 Tensor var_grad(const Tensor& g, nb::handle t, const InlineInts& axes, bool unbiased);
 // The inverse of the permutation `dims`.
 std::vector<int64_t> inverse_permutation(const InlineInts& dims);
+// float2complex on an engine tensor: float32 and float64 widened to complex64
+// and complex128, complex tensors as they are, ValueError for other dtypes.
+Tensor float_to_complex(const Tensor& t);
+// The gradient of frobenius_norm over all elements: x / norm * g, both
+// broadcast to x's shape.
+Tensor frobenius_grad(const Tensor& g, const Tensor& x, const Tensor& norm);
+// What frobenius_norm along an axis keeps for its gradient.
+struct NormState : SavedState {
+  Tensor square_sum;
+};
 
 // id(a) + infix + id(b), the usual opid prefix.
 inline std::string ids(nb::handle a, const char* infix, nb::handle b) { return id_text(a) + infix + id_text(b); }
@@ -209,6 +220,8 @@ void init_gradfn(nb::module_& m);
 nb::object unsqueeze_op(nb::handle t, nb::handle axis);
 // The docstring line of unsqueeze's axis.
 inline const char* const kInsertedAxis = "axis: where the new axis goes; a negative one counts from one past the end.";
+// transpose(t, dim): axis i of the result is axis dim[i] of t.
+TensorResult transposed(nb::handle t, const py::IntList& dim);
 // mean(t, axis, keepdims), for the gradients of std and var.
 nb::object mean_of(nb::handle t, nb::handle axis, nb::handle keepdims);
 

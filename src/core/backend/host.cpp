@@ -133,6 +133,8 @@ const Kernels& host_kernels() {
     add_permute_kernels(k);
     add_index_kernels(k);
     add_product_kernels(k);
+    add_linalg_kernels(k);
+    add_spectral_kernels(k);
     return k;
   }();
   return table;

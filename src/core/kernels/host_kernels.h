@@ -18,5 +18,7 @@ void add_shape_kernels(Kernels& k);       // shape.cpp
 void add_permute_kernels(Kernels& k);     // permute.cpp
 void add_index_kernels(Kernels& k);       // index.cpp
 void add_product_kernels(Kernels& k);     // product.cpp
+void add_linalg_kernels(Kernels& k);      // linalg.cpp
+void add_spectral_kernels(Kernels& k);    // spectral.cpp
 
 }  // namespace tramel

@@ -133,6 +133,26 @@ const Derivatives kDerivatives[] = {
     {"tile", {{kInputs, [](G g, D d) { return tile_grad(g, d.input(0).shape(), d.axes.vector()); }}}},
     {"flip", {{kSavesNothing, [](G g, D d) { return flip(g, d.axes.vector()); }}}},
 
+    // ---- matrix parts; triu, tril and trace keep their diagonal in axes[0] ----
+    {"kron", {{kInputs, [](G g, D d) { return kron_grad_a(g, d.input(0), d.input(1)); }},
+              {kInputs, [](G g, D d) { return kron_grad_b(g, d.input(0), d.input(1)); }}}},
+    {"triu", {{kSavesNothing, [](G g, D d) { return triu(g, d.axes[0]); }}}},
+    {"tril", {{kSavesNothing, [](G g, D d) { return tril(g, d.axes[0]); }}}},
+    {"trace", {{kInputs, [](G g, D d) { return trace_grad(g, d.input(0).shape(), d.axes[0]); }}}},
+
+    // ---- complex parts, spectra and norms ----
+    {"conj", {{kSavesNothing, [](G g, D) { return unary(UnaryOp::Conj, g); }}}},
+    {"real", {{kSavesNothing, [](G g, D) { return float_to_complex(g); }}}},
+    {"imag", {{kSavesNothing, [](G g, D) { return binary(BinaryOp::Mul, g, Scalar::from_complex(0, 1)); }}}},
+    {"eigvalsh", {{kInputs, [](G g, D d) { return eigvalsh_grad(g, d.input(0)); }}}},
+    // The decomposition passes no gradient on: zeros of the input's shape,
+    // which the walk can add to the input's grad (g has the packed shape).
+    {"eigh", {{kInputs, zeros_of_input}}},
+    {"frobenius_norm", {{kBoth, [](G g, D d) { return frobenius_grad(g, d.input(0), d.result()); }}}},
+    {"frobenius_norm along axis", {{kInputs, [](G g, D d) {
+                                      return l2_norm_grad(d.input(0), d.state_as<NormState>().square_sum, g, d.axes[0]);
+                                    }}}},
+
     // ---- indexing; the index texts or the gather description are the edge's state ----
     // The target's data is read when the gradient runs, after any later set.
     {"select", {{kInputs, [](G g, D d) { return select_bp(d.input(0), d.state_as<SelectState>().texts, g); }}}},

@@ -94,25 +94,6 @@ TensorResult swapaxis_op(TensorArg t, const py::Axis& axis1, const py::Axis& axi
   return y;
 }
 
-TensorResult transposed(nb::handle t, const py::IntList& dim) {
-  static const Derivatives& derivatives = derivatives_of("transpose");
-  const Tensor& x = core_of(t, "transpose");
-  std::vector<int64_t> dims = dim.get("transpose", "dim");
-  nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
-    e.derivative.axes = InlineInts(dims);
-    // (sic) "tranpose", here and in the link: labels kept as users know them.
-    e.label = LazyLabel::formatted("tranpose grad dim = " + py_text(dim));
-  });
-  record_gated(y, [&](QTensor& out) {
-    std::string link = "tranpose link dim = " + py_text(dim);
-    append_links(out, {{t, LazyLabel(), &link}});
-    nb::dict attribute;
-    attribute["dim"] = dim;
-    // (sic) the double underscore of the opid.
-    return make_record(id_text(t) + "_transpose__" + id_text(y), "Transpose", {t}, y, attribute);
-  });
-  return y;
-}
 
 // QTensor.transpose's checks of new_dims, as assertions; the marking of
 // repeated axes runs in any case.
@@ -136,6 +117,26 @@ nb::list reversed_axes(int ndim) {
 }
 
 }  // namespace
+
+TensorResult transposed(nb::handle t, const py::IntList& dim) {
+  static const Derivatives& derivatives = derivatives_of("transpose");
+  const Tensor& x = core_of(t, "transpose");
+  std::vector<int64_t> dims = dim.get("transpose", "dim");
+  nb::object y = make_result(transpose(x, dims), {t}, derivatives, [&](int, Edge& e) {
+    e.derivative.axes = InlineInts(dims);
+    // (sic) "tranpose", here and in the link: labels kept as users know them.
+    e.label = LazyLabel::formatted("tranpose grad dim = " + py_text(dim));
+  });
+  record_gated(y, [&](QTensor& out) {
+    std::string link = "tranpose link dim = " + py_text(dim);
+    append_links(out, {{t, LazyLabel(), &link}});
+    nb::dict attribute;
+    attribute["dim"] = dim;
+    // (sic) the double underscore of the opid.
+    return make_record(id_text(t) + "_transpose__" + id_text(y), "Transpose", {t}, y, attribute);
+  });
+  return y;
+}
 
 // Positions ordered by the axis they hold.
 std::vector<int64_t> inverse_permutation(const InlineInts& dims) {

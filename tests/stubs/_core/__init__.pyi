@@ -409,12 +409,27 @@ class Tensor:
             A new core tensor.
         """
 
+    @overload
     def l2_norm(self) -> float:
         """
         The Euclidean norm of all elements of a processor tensor.
 
         Returns:
             A float.
+        """
+
+    @overload
+    def l2_norm(self, axis: int, keepdims: bool) -> tuple[Tensor, Tensor]:
+        """
+        The Euclidean norm along one axis, with the sum of squared magnitudes it was taken from.
+
+        Args:
+            axis: the axis; negative counts from the end.
+            keepdims: keep the axis with length one.
+
+        Returns:
+            A tuple (norm, square_sum) of new core tensors of the real dtype; integers and bools compute in the
+            default float dtype.
         """
 
     def is_nonzero(self) -> bool:
@@ -1408,6 +1423,66 @@ class Tensor:
 
         Returns:
             A new core tensor of the promoted dtype (int64 for bools).
+        """
+
+    def triu(self, diagonal: int = 0) -> Tensor:
+        """
+        The upper triangle of the last two axes: elements below diagonal number `diagonal` set to zero.
+
+        Args:
+            diagonal: 0 the main diagonal, positive above it, negative below.
+
+        Returns:
+            A new core tensor.
+        """
+
+    def tril(self, diagonal: int = 0) -> Tensor:
+        """
+        The lower triangle of the last two axes: elements above diagonal number `diagonal` set to zero.
+
+        Args:
+            diagonal: 0 the main diagonal, positive above it, negative below.
+
+        Returns:
+            A new core tensor.
+        """
+
+    def trace(self, k: int = 0) -> Tensor:
+        """
+        The sum of diagonal number k of the last two axes, for each leading index.
+
+        Args:
+            k: 0 the main diagonal, positive above it, negative below; past the matrix the sum is zero.
+
+        Returns:
+            A new core tensor of the leading shape (0-d for a matrix); integers and bools sum in int64.
+        """
+
+    def trace_grad(self, shape: int | Sequence[int], offset: int) -> Tensor:
+        """
+        The gradient of trace, called on the incoming gradient: zeros of `shape` with g's values on diagonal
+        number `offset` of each matrix.
+
+        Args:
+            shape: the shape of trace's input.
+            offset: the diagonal that trace summed.
+
+        Returns:
+            A new core tensor of g's dtype.
+        """
+
+    def l2_norm_grad(self, reduce_square_sum: Tensor, g: Tensor, axis: int) -> Tensor:
+        """
+        The gradient of the norm along an axis, called on its input x: g * x / norm, spread along the axis
+        (zero where the norm is zero).
+
+        Args:
+            reduce_square_sum: the sums of squares that l2_norm(x, axis, keepdims) returned.
+            g: the gradient of the norm, of the norm's shape.
+            axis: the axis of the forward call.
+
+        Returns:
+            A new core tensor of x's shape and floating dtype.
         """
 
 CoreTensor: TypeAlias = Tensor

@@ -269,3 +269,101 @@ def cumsumgrad(g: pytramel._core.Tensor, axis: int) -> pytramel._core.Tensor:
     Returns:
         A new core tensor of g's shape.
     """
+
+def kron(a: pytramel._core.Tensor, b: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The Kronecker product, numpy's kron: the operand of lower rank gets leading axes of length one.
+
+    Args:
+        a: a core tensor.
+        b: a core tensor on a's device.
+
+    Returns:
+        A new core tensor of the promoted dtype; axis i is a.shape[i] * b.shape[i] long.
+    """
+
+def kron_t1grad(g: pytramel._core.Tensor, a: pytramel._core.Tensor, b: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The gradient of kron for its first factor: g over each block, times the conjugate of b, summed.
+
+    Args:
+        g: the gradient of the product, of its shape.
+        a: the first factor of the forward call.
+        b: the second factor of the forward call.
+
+    Returns:
+        A new core tensor of a's shape.
+    """
+
+def kron_t2grad(g: pytramel._core.Tensor, a: pytramel._core.Tensor, b: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The gradient of kron for its second factor: each block of g times the conjugate of its element of a,
+    summed over the blocks.
+
+    Args:
+        g: the gradient of the product, of its shape.
+        a: the first factor of the forward call.
+        b: the second factor of the forward call.
+
+    Returns:
+        A new core tensor of b's shape.
+    """
+
+def real(data: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The real parts.
+
+    Args:
+        data: a core tensor.
+
+    Returns:
+        A new core tensor of the real dtype (a copy for a real tensor).
+    """
+
+def imag(data: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The imaginary parts.
+
+    Args:
+        data: a core tensor.
+
+    Returns:
+        A new core tensor of the real dtype (zeros of its dtype for a real tensor).
+    """
+
+def eigvalsh(data: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The eigenvalues of Hermitian matrices, ascending, through LAPACK ?syevd/?heevd.
+
+    Args:
+        data: a Hermitian (real symmetric) matrix or a batch of them on the last two axes; only the lower triangle
+        is read. Integers and bools compute in the default float dtype.
+
+    Returns:
+        A new core tensor [..., n] of the real dtype.
+    """
+
+def eigvalsh_grad(g: pytramel._core.Tensor, data: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The gradient of eigvalsh: V diag(g) V^H, V the eigenvectors of data.
+
+    Args:
+        g: the gradient of the eigenvalues, [..., n].
+        data: the input of the forward call.
+
+    Returns:
+        A new core tensor of data's shape and floating dtype.
+    """
+
+def eigh(data: pytramel._core.Tensor) -> pytramel._core.Tensor:
+    """
+    The eigen-decomposition of Hermitian matrices, packed in one tensor.
+
+    Args:
+        data: a Hermitian (real symmetric) matrix or a batch of them on the last two axes; only the lower triangle
+        is read. Integers and bools compute in the default float dtype.
+
+    Returns:
+        A new core tensor [..., n + 1, n] of data's floating dtype: row 0 the eigenvalues, ascending;
+        rows 1..n the matrix V whose columns are the eigenvectors (data = V diag(w) V^H).
+    """

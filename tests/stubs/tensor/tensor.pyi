@@ -1292,6 +1292,93 @@ def allclose(t1: QTensor | None, t2: QTensor | None, rtol: object | None, atol: 
         numpy.allclose's result, a bool.
     """
 
+def conj(t: QTensor | None) -> QTensor:
+    """
+    The element-wise complex conjugate; a real tensor gives a copy.
+
+    Args:
+        t: a QTensor.
+
+    Returns:
+        A new QTensor of t's dtype; differentiable.
+    """
+
+def real(t: QTensor | None) -> QTensor:
+    """
+    The real parts.
+
+    Args:
+        t: a QTensor.
+
+    Returns:
+        A new QTensor of the real dtype (a copy for a real tensor); differentiable, the gradient returning in the
+        complex dtype.
+    """
+
+def imag(t: QTensor | None) -> QTensor:
+    """
+    The imaginary parts.
+
+    Args:
+        t: a QTensor.
+
+    Returns:
+        A new QTensor of the real dtype (zeros for a real tensor); differentiable, the gradient being the incoming
+        one times 1j.
+    """
+
+def adjoint(t: QTensor | None) -> QTensor | None:
+    """
+    The conjugate transpose of the last two axes, made of transpose and conj; a 1-d tensor is conjugated.
+
+    Args:
+        t: a QTensor.
+
+    Returns:
+        A new QTensor, or None for a 0-d tensor.
+    """
+
+def eigvalsh(t: QTensor | None) -> QTensor:
+    """
+    The eigenvalues of Hermitian matrices, ascending.
+
+    Args:
+        t: a QTensor holding a Hermitian (real symmetric) matrix, or a batch of them on the last two axes; only the
+        lower triangle is read. Integers and bools compute in the default float dtype.
+
+    Returns:
+        A new QTensor [..., n] of the real dtype. It copies t's requires_grad and is differentiable when
+        that is True.
+    """
+
+def eigh(t: QTensor | None) -> QTensor:
+    """
+    The eigen-decomposition of Hermitian matrices, packed in one tensor.
+
+    Args:
+        t: a QTensor holding a Hermitian (real symmetric) matrix, or a batch of them on the last two axes; only the
+        lower triangle is read. Integers and bools compute in the default float dtype.
+
+    Returns:
+        A new QTensor [..., n + 1, n] of t's floating dtype: row 0 the eigenvalues, ascending; rows 1..n
+        the matrix V whose columns are the eigenvectors. It copies t's requires_grad; its gradient is
+        zero (zeros of t's shape).
+    """
+
+def frobenius_norm(t: QTensor | None, axis: int | None = None, keepdims: object | None = False) -> QTensor:
+    """
+    The Frobenius (Euclidean) norm of all elements, or along one axis.
+
+    Args:
+        t: a QTensor.
+        axis: None for all elements, or one axis; negative ones count from the end.
+        keepdims: along an axis, keep it with length one; any object, read by its truth.
+
+    Returns:
+        A new QTensor of the real dtype; over all elements a 0-d tensor of the default dtype on
+        t.device. Differentiable.
+    """
+
 def cumsum(t: QTensor | None, axis: int | None = -1) -> QTensor:
     """
     Running sums along one axis.
@@ -1439,6 +1526,54 @@ def max(t: QTensor | None, axis: int | None = None, keepdims: object | None = Fa
 
     Returns:
         A new QTensor; differentiable: over all elements tied extremes share the gradient equally, along an axis each receives all of it.
+    """
+
+def kron(t1: QTensor | None, t2: QTensor | None) -> QTensor:
+    """
+    The Kronecker product; the operand of lower rank gets leading axes of length one.
+
+    Args:
+        t1: a QTensor.
+        t2: a QTensor on t1's device.
+
+    Returns:
+        A new QTensor, axis i t1.shape[i] * t2.shape[i] long; differentiable in both operands.
+    """
+
+def triu(t: QTensor | None, diagonal: int | None = 0) -> QTensor:
+    """
+    The upper triangle of the last two axes: elements below the diagonal set to zero.
+
+    Args:
+        t: a QTensor of rank 2 or more: a matrix, or a batch of them on the last two axes.
+        diagonal: the diagonal that bounds the triangle: 0 the main one, positive above it.
+
+    Returns:
+        A new QTensor; differentiable. ValueError for a tensor of rank below 2.
+    """
+
+def tril(t: QTensor | None, diagonal: int | None = 0) -> QTensor:
+    """
+    The lower triangle of the last two axes: elements above the diagonal set to zero.
+
+    Args:
+        t: a QTensor of rank 2 or more: a matrix, or a batch of them on the last two axes.
+        diagonal: the diagonal that bounds the triangle: 0 the main one, positive above it.
+
+    Returns:
+        A new QTensor; differentiable. ValueError for a tensor of rank below 2.
+    """
+
+def trace(t: QTensor | None, k: int | None = 0) -> QTensor:
+    """
+    The sum along diagonal k of the last two axes, for each leading index.
+
+    Args:
+        t: a QTensor of rank 2 or more: a matrix, or a batch of them on the last two axes.
+        k: the diagonal: 0 the main one, positive above it, negative below.
+
+    Returns:
+        A new QTensor of the leading shape (0-d for a matrix); differentiable.
     """
 
 def get_bdshape_for_slice(key: object, data_shape: object) -> tuple:
