@@ -56,6 +56,10 @@ class Circuit:
         spins = 1 - 2 * bits
         zz = -coupling * (spins[:, :-1] * spins[:, 1:]).sum(axis=1)
         self.zz_diagonal = QTensor(zz.astype(np.float64).reshape([2] * n))
+        # A Python number meeting a tensor enters in the default dtype (float32), so
+        # coefficients that are not exact in float32 are float64 tensors of their own.
+        self.minus_field = QTensor(np.array(-field))
+        self.minus_coupling = QTensor(np.array(-coupling))
         self._orders = {}
 
     def _order(self, qubits):
@@ -95,7 +99,7 @@ class Circuit:
         flipped = self.apply(psi, self.pauli_x, 0)
         for q in range(1, self.n):
             flipped = flipped + self.apply(psi, self.pauli_x, q)
-        return diagonal - self.field * tt.sums(tt.real(bra * flipped))
+        return diagonal + self.minus_field * tt.sums(tt.real(bra * flipped))
 
     def hamiltonian(self):
         """H as a dense 2^n x 2^n complex QTensor, built with kron."""
@@ -109,9 +113,9 @@ class Circuit:
 
         terms = []
         for i in range(self.n - 1):
-            terms.append(product([z if q in (i, i + 1) else eye for q in range(self.n)]) * -self.coupling)
+            terms.append(product([z if q in (i, i + 1) else eye for q in range(self.n)]) * self.minus_coupling)
         for i in range(self.n):
-            terms.append(product([x if q == i else eye for q in range(self.n)]) * -self.field)
+            terms.append(product([x if q == i else eye for q in range(self.n)]) * self.minus_field)
         total = terms[0]
         for t in terms[1:]:
             total = total + t
@@ -178,7 +182,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--qubits", type=int, default=6, help="chain length n (default 6)")
     parser.add_argument("--layers", type=int, default=4, help="RY + CNOT layers (default 4)")
-    parser.add_argument("--steps", type=int, default=200, help="gradient-descent steps (default 200)")
+    parser.add_argument("--steps", type=int, default=300, help="gradient-descent steps (default 300)")
     parser.add_argument("--lr", type=float, default=0.15, help="learning rate (default 0.15)")
     parser.add_argument("--field", type=float, default=1.0, help="transverse field h, J = 1 (default 1)")
     parser.add_argument("--seed", type=int, default=0, help="seed of the initial angles")
