@@ -15,7 +15,7 @@ of |psi|^2 with a constant, and the X terms are applied as gates. `backward` giv
 gradient with respect to the angles, and plain gradient descent does the rest. The exact
 ground energy comes from `eigvalsh` of the dense 2^n x 2^n matrix, built with `kron`.
 
-    pip install ".[examples]" && python examples/circuit_training.py [--qubits 6] [--steps 200]
+    pip install ".[examples]" && python examples/circuit_training.py [--qubits 6] [--steps 300]
 
 tqdm (a progress bar) and matplotlib (a plot of the energy) are used when installed.
 """
