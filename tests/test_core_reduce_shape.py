@@ -221,6 +221,10 @@ def test_transpose_matches_numpy_for_every_permutation(const, nptype, shape):
     for perm in itertools.permutations(range(len(shape))):
         dims = [p - len(shape) if i % 2 else p for i, p in enumerate(perm)]  # some negative
         np.testing.assert_array_equal(host(t.transpose(dims)), np.transpose(a, perm))
+    # A result that keeps the element order shares storage until either side is written.
+    u = t.transpose(list(range(len(shape))))
+    u.fill_(1)
+    np.testing.assert_array_equal(host(t), a)
 
 
 @pytest.mark.parametrize("threads", [1, 2])

@@ -416,6 +416,27 @@ def test_validity_flag(where, flag, stops):
         assert called == [1] and val(x.grad)[0] == 1.0 and a.grad is None
 
 
+def test_gradients_are_zeros_until_their_first_contribution_and_never_alias():
+    # The first walk gives every reached tensor a gradient; read before anything was added
+    # (from a derivative, or after a failed walk) it holds zeros.
+    seen = []
+    x, y = leaf([1.0, 2.0]), leaf([1.0])
+    a = derived([(x, lambda g: (seen.append(val(x.grad).tolist()), g)[1]), (y, lambda g: 1 / 0)], [1.0, 1.0])
+    z = derived([(a, ident)], [1.0, 1.0])
+    with pytest.raises(ZeroDivisionError):
+        z.backward()
+    assert seen == [[0.0, 0.0]] and val(x.grad).tolist() == [1.0, 1.0] and val(y.grad)[0] == 0.0
+    # A contribution passed on unchanged becomes the gradient without a copy; writing one
+    # of the two afterwards leaves the other as it was.
+    w = leaf([1.0])
+    v = derived([(w, ident)], [1.0])
+    v.backward()
+    w.grad.data.fill_(7.0)
+    assert val(v.grad)[0] == 1.0 and val(w.grad)[0] == 7.0
+    v.backward()
+    assert val(v.grad)[0] == 2.0 and val(w.grad)[0] == 8.0
+
+
 @pytest.mark.parametrize("device", [0, GPU0])
 @pytest.mark.parametrize("ret", [np.array([1.5, 2.5]), np.array([1, 2], np.int64)])
 def test_derivative_returning_ndarray(device, ret):

@@ -113,7 +113,8 @@ using FlipKernel = void (*)(const Tensor& in, Tensor& out, const bool* flipped);
 // out[i] is m x n. Operands are in out's dtype, out is not empty; k may be 0.
 struct ProductShape {
   int64_t batch, m, n, k;
-  bool ta, tb;
+  bool ta, tb;  // operand transposed
+  bool ca, cb;  // operand conjugated (complex dtypes, only with its transposition)
 };
 using ProductKernel = void (*)(const Tensor& a, const Tensor& b, Tensor& out, const ProductShape& p);
 

@@ -241,9 +241,23 @@ Tensor nonzero(const Tensor& x);
 // flags become its transposition flags), tiny complex matrices and small
 // gates on long rows to a direct kernel, integers to a plain loop with
 // wrapping arithmetic (Note [product paths] in kernels/product.cpp).
-Tensor mult2D(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
-Tensor bmm(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
-Tensor matmul(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false);
+// How an operand enters: as it is, with its last two axes exchanged, or
+// exchanged and conjugated (the conjugate transposes of the products'
+// gradients, without a conjugated copy: BLAS's ConjTrans).
+enum class OperandForm { AsIs, Transposed, Adjoint };
+Tensor mult2D(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob);
+Tensor bmm(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob);
+Tensor matmul(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob);
+inline OperandForm transposed_if(bool t) { return t ? OperandForm::Transposed : OperandForm::AsIs; }
+inline Tensor mult2D(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false) {
+  return mult2D(a, b, transposed_if(ta), transposed_if(tb));
+}
+inline Tensor bmm(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false) {
+  return bmm(a, b, transposed_if(ta), transposed_if(tb));
+}
+inline Tensor matmul(const Tensor& a, const Tensor& b, bool ta = false, bool tb = false) {
+  return matmul(a, b, transposed_if(ta), transposed_if(tb));
+}
 
 // ---- matrix parts, complex parts and spectra (linalg) ----
 // The Kronecker product (numpy's kron: the operand of lower rank gets

@@ -145,6 +145,7 @@ void init_fields(QTensor* q, nb::object data, nb::handle requires_grad, nb::hand
                  nb::handle name) {
   new (q) QTensor{std::move(data),
                   Tensor(),
+                  false,
                   nb::borrow(requires_grad),
                   truthy(nodes) ? nb::borrow(nodes) : nb::object(),
                   nb::object(),
@@ -263,8 +264,14 @@ nb::object new_qtensor(Tensor value, nb::handle requires_grad, nb::handle nodes,
   return obj;
 }
 
+void fill_pending_zeros(const QTensor& q) {
+  q.pending_zeros = false;
+  fill_(q.value, Scalar::from_int(0));
+}
+
 nb::object& data_object(QTensor& q) {
   if (!q.data.is_valid()) {
+    if (q.pending_zeros) fill_pending_zeros(q);
     q.data = wrap_core(std::move(q.value));
     q.value = Tensor();
   }
@@ -274,6 +281,7 @@ nb::object& data_object(QTensor& q) {
 void set_data(QTensor& q, nb::handle data) {
   q.data = nb::borrow(data);
   q.value = Tensor();
+  q.pending_zeros = false;
 }
 
 nb::object construct_qtensor(nb::handle data, nb::handle requires_grad, nb::handle nodes, nb::handle device,
@@ -288,6 +296,29 @@ nb::object qtensor_from_core(Tensor t) {
 
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype) {
   return qtensor_from_core(full(shape, Scalar::from_int(0), device, dtype, "zeros"));
+}
+
+nb::object pending_zeros_qtensor(const Shape& shape, int device, DType dtype) {
+  nb::object obj = nb::inst_alloc(qtensor_type());
+  QTensor* q = nb::inst_ptr<QTensor>(obj);
+  init_fields(q, nb::object(), Py_False, Py_None, device_object(device), nb::handle());
+  q->value = uninitialized(shape, dtype, device, "zeros");
+  q->pending_zeros = true;
+  nb::inst_mark_ready(obj);
+  record_constant(obj, *q);  // reads the values, so the zeros are written when recording
+  return obj;
+}
+
+void add_into_gradient(QTensor& grad, Tensor g) {
+  if (grad.pending_zeros && !grad.data.is_valid()) {
+    const Tensor& v = grad.value;
+    if (g.shape() == v.shape() && g.dtype() == v.dtype() && g.device() == v.device()) {
+      grad.value = std::move(g);
+      grad.pending_zeros = false;
+      return;
+    }
+  }
+  add_(core_of(grad, "backward"), g);
 }
 
 namespace {

@@ -47,9 +47,19 @@ struct PendingLinks {
 // _core.Tensor object for `data` is made when Python first reads it (and
 // kept from then on, so two reads give the same object). C++ reaches the
 // tensor through core_of() either way.
+//
+// Note [pending zero gradients]
+// The backward pass gives every tensor it will reach a zero gradient before
+// any derivative runs, and then adds each contribution into it. A gradient
+// made there holds an unfilled `value` standing for zeros (`pending_zeros`):
+// the first contribution of its own shape, dtype and device becomes its value
+// (sharing storage, copy-on-write), so neither the fill nor the addition is
+// paid. Whoever reads it before that (core_of, `data`) gets real zeros: they
+// are written on the first read.
 struct QTensor {
   nb::object data;             // a _core.Tensor, or null while the tensor is in `value`
   mutable Tensor value;
+  mutable bool pending_zeros = false;  // see Note [pending zero gradients]
   nb::object requires_grad;
   nb::object nodes;            // list of GraphNode; see Note [lazy empty lists]
   nb::object link_nodes;       // list of GraphNode with df None; likewise
@@ -134,7 +144,15 @@ GraphNode& as_graphnode(nb::handle h, const char* op);
 // The engine tensor behind a _core.Tensor object.
 Tensor& as_core(nb::handle h, const char* op);
 // The engine tensor of a QTensor; see Note [core tensor made on first read].
+void fill_pending_zeros(const QTensor& q);
 inline Tensor& core_of(const QTensor& q, const char* op) {
+  if (q.data.is_valid()) return as_core(q.data, op);
+  if (NB_UNLIKELY(q.pending_zeros)) fill_pending_zeros(q);
+  return q.value;
+}
+// The engine tensor of q for its shape, dtype and device only: pending zeros
+// are not written.
+inline const Tensor& core_unfilled(const QTensor& q, const char* op) {
   return q.data.is_valid() ? as_core(q.data, op) : q.value;
 }
 // The engine tensor of the QTensor object h.
@@ -171,6 +189,11 @@ nb::object to_coretensor_ndarray(nb::handle data, nb::handle device, nb::handle 
 nb::object qtensor_from_core(Tensor t);
 // A QTensor holding zeros of `shape`, `dtype` on `device`.
 nb::object zeros_qtensor(const Shape& shape, int device, DType dtype);
+// A zero gradient for the backward pass, its zeros pending (Note [pending zero gradients]).
+nb::object pending_zeros_qtensor(const Shape& shape, int device, DType dtype);
+// Adds g into the gradient grad; the first contribution to pending zeros of
+// g's own shape, dtype and device becomes the gradient's value.
+void add_into_gradient(QTensor& grad, Tensor g);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, nb::handle name);
 nb::object make_graphnode(nb::handle tensor, nb::handle df, const LazyLabel& label);
 // A GraphNode object for an edge record, moving its derivative into a GradFn.

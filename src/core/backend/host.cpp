@@ -20,14 +20,17 @@ constexpr size_t kAlignment = 64;
 // Note [large host buffers]
 // A fresh multi-megabyte buffer from malloc is new mapped memory: the first
 // write to each 4 KiB page faults, which costs as much as the arithmetic of an
-// element-wise kernel. Large buffers therefore come in 2 MiB-aligned blocks
-// marked for transparent huge pages, and freed blocks are kept in a cache and
+// element-wise kernel. Buffers of 2 MiB and more therefore come in 2 MiB-aligned
+// blocks marked for transparent huge pages (smaller ones from 1 MiB in 64 KiB
+// steps, not to waste half a huge page), and freed blocks are kept in a cache and
 // handed out again for requests of similar size (at most 1/4 smaller), the
 // way a GPU caching allocator works. The cache holds at most kCacheLimit
 // bytes (PYTRAMEL_HOST_CACHE_MB overrides it; 0 turns caching off) and
 // returns the oldest blocks to the system first.
 constexpr size_t kLargeBytes = size_t(1) << 20;
 constexpr size_t kHugePage = size_t(2) << 20;
+constexpr size_t kPage = size_t(4) << 10;
+constexpr size_t kSmallStep = size_t(64) << 10;
 constexpr size_t kCacheLimit = size_t(512) << 20;
 
 size_t cache_limit() {
@@ -54,10 +57,11 @@ class BlockCache {
       free_.erase(best);
       return p;
     }
-    void* p = std::aligned_alloc(kHugePage, want);
+    bool huge = want >= kHugePage;
+    void* p = std::aligned_alloc(huge ? kHugePage : kPage, want);
     if (!p) return nullptr;
 #ifdef MADV_HUGEPAGE
-    madvise(p, want, MADV_HUGEPAGE);
+    if (huge) madvise(p, want, MADV_HUGEPAGE);
 #endif
     live_[p] = want;
     return p;
@@ -82,7 +86,12 @@ class BlockCache {
   }
 
  private:
-  static size_t round_up(size_t n) { return (n + kHugePage - 1) / kHugePage * kHugePage; }
+  // Whole huge pages from 2 MiB on; below, whole 64 KiB steps, so that a
+  // 1 MiB buffer does not take a 2 MiB block.
+  static size_t round_up(size_t n) {
+    size_t step = n >= kHugePage ? kHugePage : kSmallStep;
+    return (n + step - 1) / step * step;
+  }
 
   std::mutex mutex_;
   std::unordered_map<void*, size_t> live_;    // block -> its size

@@ -2,7 +2,8 @@
 //
 // Note [product paths]
 // Floating and complex products go to BLAS GEMM, the transposition flags
-// becoming CBLAS's (CblasTrans: never a copy, never a conjugate). OpenBLAS
+// becoming CBLAS's (CblasTrans, or CblasConjTrans for the conjugate
+// transposes of the gradients: never a copy). OpenBLAS
 // has small-matrix kernels of its own for float32 and float64, which a plain
 // loop did not beat at any size on one thread, so every real product goes
 // there. Its complex GEMM costs a fixed 50 to 90 ns even for a 2x2 product,
@@ -42,14 +43,14 @@ template <typename T> TRAMEL_HD inline T madd(T c, T a, T b) {
 // a[i * ar + p * ac]; b is k x n (untransposed) or n x k (tb).
 template <typename T>
 TRAMEL_BODY void direct_block_body(const T* a, const T* b, T* c, int64_t m, int64_t n, int64_t k, int64_t ar,
-                                   int64_t ac, bool tb, int64_t j0, int64_t j1) {
+                                   int64_t ac, bool tb, bool ca, bool cb, int64_t j0, int64_t j1) {
   if (!tb) {
     for (int64_t jb = j0; jb < j1; jb += kColumnBlock) {
       int64_t je = jb + kColumnBlock < j1 ? jb + kColumnBlock : j1;
       for (int64_t i = 0; i < m; ++i) {
         T* ci = c + i * n;
         for (int64_t p = 0; p < k; ++p) {
-          const T s = a[i * ar + p * ac];
+          const T s = ca ? fn::conj(a[i * ar + p * ac]) : a[i * ar + p * ac];
           const T* bp = b + p * n;
           if constexpr (is_complex_v<T>) {
             // On the real and imaginary parts: std::complex arrays do not vectorise.
@@ -83,11 +84,13 @@ TRAMEL_BODY void direct_block_body(const T* a, const T* b, T* c, int64_t m, int6
   }
   // b stored n x k: entry (p, j) is b[j * k + p], and each entry of c is a
   // dot product of a row of a with a row of b.
+  auto at = [&](int64_t i, int64_t p) { return ca ? fn::conj(a[i * ar + p * ac]) : a[i * ar + p * ac]; };
   for (int64_t i = 0; i < m; ++i)
     for (int64_t j = j0; j < j1; ++j) {
       const T* bj = b + j * k;
-      T s = fn::mul(a[i * ar], bj[0]);
-      for (int64_t p = 1; p < k; ++p) s = madd(s, a[i * ar + p * ac], bj[p]);
+      auto bt = [&](int64_t p) { return cb ? fn::conj(bj[p]) : bj[p]; };
+      T s = fn::mul(at(i, 0), bt(0));
+      for (int64_t p = 1; p < k; ++p) s = madd(s, at(i, p), bt(p));
       c[i * n + j] = s;
     }
 }
@@ -106,7 +109,7 @@ void direct_products(const T* a, const T* b, T* c, const ProductShape& p) {
                  for (int64_t w = begin; w < end; ++w) {
                    int64_t i = w / blocks, j0 = (w % blocks) * kColumnBlock;
                    int64_t j1 = j0 + kColumnBlock < n ? j0 + kColumnBlock : n;
-                   direct_block(a + i * sa, b + i * sb, c + i * sc, m, n, k, ar, ac, p.tb, j0, j1);
+                   direct_block(a + i * sa, b + i * sb, c + i * sc, m, n, k, ar, ac, p.tb, p.ca, p.cb, j0, j1);
                  }
                });
 }
@@ -158,7 +161,8 @@ void product(const Tensor& a, const Tensor& b, Tensor& out, const ProductShape& 
       if (direct<T>(p)) return direct_products(x, y, z, p);
       const int m = int(p.m), n = int(p.n), k = int(p.k);
       const int lda = p.ta ? m : k, ldb = p.tb ? k : n;
-      const CBLAS_TRANSPOSE ta = p.ta ? CblasTrans : CblasNoTrans, tb = p.tb ? CblasTrans : CblasNoTrans;
+      const CBLAS_TRANSPOSE ta = p.ca ? CblasConjTrans : p.ta ? CblasTrans : CblasNoTrans;
+      const CBLAS_TRANSPOSE tb = p.cb ? CblasConjTrans : p.tb ? CblasTrans : CblasNoTrans;
       for (int64_t i = 0; i < p.batch; ++i)
         gemm(ta, tb, m, n, k, x + i * p.m * p.k, lda, y + i * p.k * p.n, ldb, z + i * p.m * p.n);
     }

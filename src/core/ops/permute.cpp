@@ -1,5 +1,6 @@
 // Axis order: transposes and flips, as new contiguous tensors (the copies
-// are kernels, kernels/permute.cpp).
+// are kernels, kernels/permute.cpp); a transpose that keeps the element order
+// shares its source's storage.
 #include <vector>
 
 #include "core/ops/front.h"
@@ -31,6 +32,13 @@ Tensor transpose(const Tensor& t, const std::vector<int64_t>& dims) {
     out_dims[i] = t.shape()[a];
   }
   TransposeKernel kernel = need(kernels_of(t).transpose, t, op);
+  // A permutation that moves only axes of length one keeps the element
+  // order: the result shares t's storage (copy-on-write) instead of copying.
+  int last = -1;
+  bool keeps_order = true;
+  for (int i = 0; i < ndim && keeps_order; ++i)
+    if (t.shape()[perm[i]] != 1) keeps_order = perm[i] > last, last = perm[i];
+  if (keeps_order) return t.view_as(Shape(out_dims, ndim, op));
   Tensor out = Tensor::empty(Shape(out_dims, ndim, op), t.dtype(), t.device(), op);
   if (out.numel() != 0) kernel(t, out, perm);
   return out;

@@ -6,7 +6,8 @@
 namespace tramel {
 namespace {
 
-Tensor product(const char* op, int rank, const Tensor& a, const Tensor& b, bool ta, bool tb) {
+Tensor product(const char* op, int rank, const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob) {
+  const bool ta = oa != OperandForm::AsIs, tb = ob != OperandForm::AsIs;
   const Shape& sa = a.shape();
   const Shape& sb = b.shape();
   if (sa.rank() != rank || sb.rank() != rank)
@@ -36,14 +37,16 @@ Tensor product(const char* op, int rank, const Tensor& a, const Tensor& b, bool 
   Tensor ha, hb;
   const Tensor& x = as_dtype(a, d, ha);
   const Tensor& y = as_dtype(b, d, hb);
-  kernel(x, y, out, {batch, m, n, k, ta, tb});
+  // A real operand's conjugate is itself.
+  const bool complex = is_complex(d);
+  kernel(x, y, out, {batch, m, n, k, ta, tb, complex && oa == OperandForm::Adjoint, complex && ob == OperandForm::Adjoint});
   return out;
 }
 
 }  // namespace
 
-Tensor mult2D(const Tensor& a, const Tensor& b, bool ta, bool tb) { return product("mult2D", 2, a, b, ta, tb); }
-Tensor bmm(const Tensor& a, const Tensor& b, bool ta, bool tb) { return product("bmm", 3, a, b, ta, tb); }
-Tensor matmul(const Tensor& a, const Tensor& b, bool ta, bool tb) { return product("matmul", 4, a, b, ta, tb); }
+Tensor mult2D(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob) { return product("mult2D", 2, a, b, oa, ob); }
+Tensor bmm(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob) { return product("bmm", 3, a, b, oa, ob); }
+Tensor matmul(const Tensor& a, const Tensor& b, OperandForm oa, OperandForm ob) { return product("matmul", 4, a, b, oa, ob); }
 
 }  // namespace tramel

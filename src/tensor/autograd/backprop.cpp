@@ -20,7 +20,7 @@ void get_prev(nb::handle q, Nodes& out) {
       const Tensor& data = core_of(parent, "backward");
       if (!is_floating(data.dtype()) && !is_complex(data.dtype()))
         throw nb::value_error("Only float or double tensor can do gradient calculation.");
-      parent.grad = zeros_qtensor(data.shape(), device_of(parent.device, "zeros"), data.dtype());
+      parent.grad = pending_zeros_qtensor(data.shape(), device_of(parent.device, "zeros"), data.dtype());
     }
     out.push_back(nb::borrow(edge.tensor));
   });
@@ -129,27 +129,26 @@ bool one_element_of(const Tensor& t, const Shape& shape) {
   return t.numel() == 1 && shape.numel() == 1 && (t.ndim() == 0 || shape.rank() == 0);
 }
 
-NB_NOINLINE void accumulate_reshaped(Tensor& accumulated, const Tensor& g) {
-  add_(accumulated, one_element_of(g, accumulated.shape()) ? reshape(g, accumulated.shape()) : g);
-}
-
 // Adds a gradient to a grad; a one-element gradient and a 0-d grad (or the
 // reverse) meet where a reduction over all elements, whose result has shape
 // [1], was taken of a 0-d tensor: the gradient is added in the grad's shape.
-inline void accumulate(Tensor& accumulated, const Tensor& g) {
-  if (NB_UNLIKELY(g.ndim() != accumulated.ndim())) accumulate_reshaped(accumulated, g);
-  else add_(accumulated, g);
+void accumulate(QTensor& grad, Tensor g) {
+  const Shape& shape = core_unfilled(grad, "backward").shape();
+  if (NB_UNLIKELY(g.ndim() != shape.rank()) && one_element_of(g, shape)) g = reshape(g, shape);
+  add_into_gradient(grad, std::move(g));
 }
 
 // Adds the gradient that a Python derivative function returned.
-void add_returned(Tensor& accumulated, nb::handle ingrad, int edge_device) {
-  if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type()))
-    accumulate(accumulated, py::tensor_from_array(ingrad, edge_device, accumulated.dtype(), "backward"));
-  else if (is_core_tensor(ingrad))
-    accumulate(accumulated, as_core(ingrad, "backward"));
-  else
+void add_returned(QTensor& grad, nb::handle ingrad, int edge_device) {
+  if (PyObject_TypeCheck(ingrad.ptr(), ndarray_type())) {
+    DType dtype = core_unfilled(grad, "backward").dtype();
+    accumulate(grad, py::tensor_from_array(ingrad, edge_device, dtype, "backward"));
+  } else if (is_core_tensor(ingrad)) {
+    accumulate(grad, as_core(ingrad, "backward"));
+  } else {
     throw nb::type_error(("[backward] a derivative function must return a _core.Tensor or a numpy.ndarray, got " +
                           std::string(nb::type_name(ingrad.type()).c_str())).c_str());
+  }
 }
 
 void backprop_impl(nb::handle g, nb::handle end) {
@@ -173,14 +172,14 @@ void backprop_impl(nb::handle g, nb::handle end) {
       if (edge.derivative) {
         Tensor ingrad = edge.derivative->apply(given);
         if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
-        accumulate(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad);
+        accumulate(as_qtensor(parent.grad, "backward"), std::move(ingrad));
       } else {
         nb::object argument = crosses ? wrap_core(std::move(moved)) : nb::object(data_object(incoming));
         PyObject* result = PyObject_CallOneArg(edge.df.ptr(), argument.ptr());
         if (!result) throw nb::python_error();
         nb::object ingrad = nb::steal(result);
         if (parent.grad.is_none()) throw nb::attribute_error("'NoneType' object has no attribute 'data'");
-        add_returned(core_of(as_qtensor(parent.grad, "backward"), "backward"), ingrad, edge_device);
+        add_returned(as_qtensor(parent.grad, "backward"), ingrad, edge_device);
       }
       outgrads.set(edge.tensor, parent.grad);
     });
@@ -269,7 +268,7 @@ void backward(nb::handle self, nb::handle grad) {
     seed = new_qtensor(wrap_core(reshape(*seed_data, shape)), Py_False, Py_None, s.device);
     seed_data = &core_of(seed, "backward");
   }
-  accumulate(core_of(as_qtensor(s.grad, "backward"), "backward"), *seed_data);
+  accumulate(as_qtensor(s.grad, "backward"), *seed_data);
   backprop(seed, self);
 }
 

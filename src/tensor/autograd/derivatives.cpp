@@ -34,22 +34,11 @@ template <int Me>
 Tensor extremum_share(G g, D d) {
   return reduced(binary(BinaryOp::Mul, g, selection_weights(d.input(Me), d.result(), d.input(1 - Me), g.dtype())), d);
 }
-// x's conjugate; x itself when it is real, where the engine's conj would copy.
-const Tensor& conj_of(const Tensor& x, Tensor& holder) {
-  if (!is_complex(x.dtype())) return x;
-  holder = unary(UnaryOp::Conj, x);
-  return holder;
-}
-// Products on the last two axes: g conj(b)^T for a, conj(a)^T g for b.
-using Product = Tensor (*)(const Tensor&, const Tensor&, bool, bool);
-template <Product F> Tensor product_grad_a(G g, D d) {
-  Tensor h;
-  return F(g, conj_of(d.input(1), h), false, true);
-}
-template <Product F> Tensor product_grad_b(G g, D d) {
-  Tensor h;
-  return F(conj_of(d.input(0), h), g, true, false);
-}
+// Products on the last two axes: g conj(b)^T for a, conj(a)^T g for b; the
+// conjugate transposes enter the product as flags, not as copies.
+using Product = Tensor (*)(const Tensor&, const Tensor&, OperandForm, OperandForm);
+template <Product F> Tensor product_grad_a(G g, D d) { return F(g, d.input(1), OperandForm::AsIs, OperandForm::Adjoint); }
+template <Product F> Tensor product_grad_b(G g, D d) { return F(d.input(0), g, OperandForm::Adjoint, OperandForm::AsIs); }
 template <Product F> constexpr Derivatives product_row(const char* op) {
   return {op, {{kInputs, product_grad_a<F>}, {kInputs, product_grad_b<F>}}};
 }
