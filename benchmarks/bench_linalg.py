@@ -1,4 +1,5 @@
-"""Timings of the linear-algebra operators, side by side with numpy and PyTorch, on one thread.
+"""Timings of the linear-algebra operators and a circuit workload, side by side with numpy and
+PyTorch, on one thread.
 
 Run by hand:  python benchmarks/bench_linalg.py [--quick]
 
@@ -15,6 +16,7 @@ import numpy as np  # noqa: E402
 
 from pytramel.tensor import tensor as tt  # noqa: E402
 from pytramel.tensor.tensor import QTensor  # noqa: E402
+import circuit  # noqa: E402
 from timing import best, one_thread, options, print_table, torch, verdict  # noqa: E402
 
 RNG = np.random.default_rng(0)
@@ -37,6 +39,25 @@ def product(shape_a, shape_b, nptype, grad=False, backward=False):
         ta, tb = torch.from_numpy(a).requires_grad_(grad), torch.from_numpy(b).requires_grad_(grad)
         theirs = (lambda: torch.matmul(ta, tb).sum().backward()) if backward else (lambda: torch.matmul(ta, tb))
     return ours, (None if grad else lambda: np.matmul(a, b)), theirs
+
+
+def spectrum(op, n=256):
+    """The three callables of eigvalsh or eigh of an n x n complex128 Hermitian matrix."""
+    m = values((n, n), np.complex128)
+    h = m + m.conj().T
+    q, th = QTensor(h), (torch.from_numpy(h) if torch else None)
+    return (lambda: getattr(tt, op)(q), lambda: getattr(np.linalg, op)(h),
+            (lambda: getattr(torch.linalg, op)(th)) if torch else None)
+
+
+def circuit_workload(n):
+    """The circuit of circuit.py on n qubits: pytramel and PyTorch, checked to agree first."""
+    args = circuit.problem(n)
+    ours = circuit.pytramel_program(n, *args)
+    theirs = circuit.torch_program(n, *args) if torch else None
+    if theirs:
+        circuit.check(n, ours, theirs)
+    return ours, None, theirs
 
 
 def against_torch(target):
@@ -66,6 +87,14 @@ CASES = [
     ("bmm 256 x 16x16 float64", lambda: product((256, 16, 16), (256, 16, 16), np.float64), 200, against_numpy(1.0)),
     ("bmm 256 x 4x4 complex128", lambda: product((256, 4, 4), (256, 4, 4), np.complex128), 500, against_numpy(1.0)),
     ("gate: 2x2 @ 2x32768 complex128", lambda: product((2, 2), (2, 32768), np.complex128), 200, memory_speed),
+    ("eigvalsh 256x256 complex128", lambda: spectrum("eigvalsh"), 20, against_numpy(1.1)),
+    ("eigh 256x256 complex128", lambda: spectrum("eigh"), 20, lambda t: f"{t[0] / t[1]:.2f}x numpy"),
+    (f"circuit: {circuit.GATES} gates, n = 4, forward + backward", lambda: circuit_workload(4), 200,
+     against_torch(0.25)),
+    (f"circuit: {circuit.GATES} gates, n = 10, forward + backward", lambda: circuit_workload(10), 50,
+     against_torch(0.25)),
+    (f"circuit: {circuit.GATES} gates, n = 16, forward + backward", lambda: circuit_workload(16), 5,
+     against_torch(0.8)),
 ]
 
 

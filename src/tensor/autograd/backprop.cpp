@@ -103,14 +103,36 @@ bool equals_false(nb::handle flag) {
   return r;
 }
 
-bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
+// Note [one order for a pass]
+// The three walks of a pass visit the same tensors in the same order, and each
+// would sort the graph again (get_prev twice, free_grad once). When the first
+// walk met only built-in derivatives, no Python code runs before the others
+// and nothing can change the graph meanwhile: the gradient walk replays the
+// order the first walk recorded, and the release walk calls free_grad on each
+// tensor of it, which clears the same gradients as its sort would. A graph
+// with a Python derivative function is sorted by every walk.
+class RecordedOrder {
+ public:
+  explicit RecordedOrder(const Nodes& nodes) : nodes_(nodes) {}
+  nb::object next() { return next_ < nodes_.size() ? nodes_[next_++] : nb::object(); }
+
+ private:
+  const Nodes& nodes_;
+  size_t next_ = 0;
+};
+
+// The validity walk; it records its order, and whether every derivative it
+// met is built in.
+bool validity_walk(nb::handle g, nb::handle end, Nodes& order, bool& builtin_only) {
   OutGrads outgrads(end, g);
-  TopoSort<CppParents> order(nb::borrow(end), &get_prev);
-  for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
+  TopoSort<CppParents> sort(nb::borrow(end), &get_prev);
+  builtin_only = true;
+  for (nb::object node = sort.next(); node.is_valid(); node = sort.next()) {
     outgrads.pop(node);
     bool valid = true;
     for_each_edge(node, [&](const EdgeView& edge) {
       if (!valid || edge.export_only()) return;
+      builtin_only = builtin_only && edge.derivative;
       QTensor& parent = as_qtensor(edge.tensor, "backward");
       if (equals_false(parent.if_normal_run_qvm)) {
         valid = false;
@@ -119,8 +141,15 @@ bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
       outgrads.set(edge.tensor, parent.grad);
     });
     if (!valid) return false;
+    order.push_back(std::move(node));
   }
   return true;
+}
+
+bool just_valid_result_from_qvm(nb::handle g, nb::handle end) {
+  Nodes order;
+  bool builtin_only;
+  return validity_walk(g, end, order, builtin_only);
 }
 
 // Whether t, of one element, stands for a value of `shape` (or the reverse):
@@ -151,9 +180,10 @@ void add_returned(QTensor& grad, nb::handle ingrad, int edge_device) {
   }
 }
 
-void backprop_impl(nb::handle g, nb::handle end) {
+// The gradient walk, over a sort or a recorded order (Note [one order for a pass]).
+template <typename Order>
+void gradient_walk(nb::handle g, nb::handle end, Order& order) {
   OutGrads outgrads(end, g);
-  TopoSort<CppParents> order(nb::borrow(end), &get_prev);
   for (nb::object node = order.next(); node.is_valid(); node = order.next()) {
     nb::object outgrad = outgrads.pop(node);
     for_each_edge(node, [&](const EdgeView& edge) {
@@ -186,6 +216,11 @@ void backprop_impl(nb::handle g, nb::handle end) {
   }
 }
 
+void backprop_impl(nb::handle g, nb::handle end) {
+  TopoSort<CppParents> order(nb::borrow(end), &get_prev);
+  gradient_walk(g, end, order);
+}
+
 void free_backprop_grad(nb::handle g, nb::handle end) {
   OutGrads outgrads(end, g);
   TopoSort<CppParents> order(nb::borrow(end), &free_grad);
@@ -198,9 +233,21 @@ void free_backprop_grad(nb::handle g, nb::handle end) {
 }
 
 void backprop(nb::handle g, nb::handle end) {
-  if (!just_valid_result_from_qvm(g, end)) return;
-  backprop_impl(g, end);
-  free_backprop_grad(g, end);
+  Nodes recorded;
+  bool builtin_only;
+  if (!validity_walk(g, end, recorded, builtin_only)) return;
+  if (!builtin_only) {
+    backprop_impl(g, end);
+    free_backprop_grad(g, end);
+    return;
+  }
+  RecordedOrder order(recorded);
+  gradient_walk(g, end, order);
+  Nodes parents;
+  for (const nb::object& node : recorded) {
+    parents.clear();
+    free_grad(node, parents);
+  }
 }
 
 nb::list parents_list(CppParents parents, nb::handle q) {

@@ -1,6 +1,5 @@
-"""A state-vector circuit, forward and backward, side by side with PyTorch on one thread.
-
-Run by hand:  python benchmarks/bench_circuit.py [--quick]
+"""A state-vector circuit, forward and backward, in pytramel and in PyTorch (timed by
+bench_linalg.py).
 
 50 single-qubit gates on n = 4, 10 and 16 qubits, gate i on qubit i % n:
 U_i = cos(theta_i / 2) I + sin(theta_i / 2) K_i, K_i alternating between -iY and -iX, each
@@ -14,7 +13,7 @@ import numpy as np
 
 from pytramel.tensor import tensor as tt
 from pytramel.tensor.tensor import QTensor
-from timing import best, one_thread, options, print_table, torch, verdict
+from timing import torch
 
 GATES = 50
 IDENTITY = np.eye(2, dtype=np.complex128)
@@ -82,24 +81,3 @@ def check(n, ours, theirs):
     de = abs(e.item() - te.item())
     dg = np.abs(theta.grad.to_numpy() - ttheta.grad.numpy()).max()
     assert de < 1e-10 and dg < 1e-10, f"n={n}: energy differs by {de:.1e}, gradient by {dg:.1e}"
-
-
-def main():
-    repeat, scale = options(__doc__)
-    if torch is None:
-        raise SystemExit("bench_circuit compares with PyTorch, which is not installed")
-    one_thread()
-    rows = []
-    for n, number, target in ((4, 200, 0.25), (10, 50, 0.25), (16, 5, 0.8)):
-        args = problem(n)
-        ours, theirs = pytramel_program(n, *args), torch_program(n, *args)
-        check(n, ours, theirs)
-        number = max(1, number // scale)
-        t_ours, t_torch = best(ours, number, repeat), best(theirs, number, repeat)
-        rows.append((f"{GATES} gates, n = {n}, forward + backward", [t_ours, t_torch],
-                     verdict(t_ours / t_torch, target, "PyTorch")))
-    print_table(rows, ["pytramel", "torch"], repeat)
-
-
-if __name__ == "__main__":
-    main()
