@@ -64,12 +64,27 @@ void transpose_copy(const U* in, U* out, const Coalesced& c) {
   }
   if (c.perm[m - 1] == m - 1) {
     // The input's last axis stays last: whole rows are copied.
+    // The source of each row comes from an odometer over the other output
+    // axes (a division per axis only at the start of a thread's range), and
+    // short rows are copied by a plain loop rather than a memcpy call.
     int64_t len = od[m - 1], rows = numel / len;
     parallel_for(rows, std::max<int64_t>(1, kParallelGrain / len), [&](int64_t b, int64_t e) {
+      int64_t index[kMaxRank] = {}, src = 0, rest = b;
+      for (int i = m - 2; i >= 0; --i) index[i] = rest % od[i], src += index[i] * is[i], rest /= od[i];
       for (int64_t w = b; w < e; ++w) {
-        int64_t src = 0, rest = w;
-        for (int i = m - 2; i >= 0; --i) src += (rest % od[i]) * is[i], rest /= od[i];
-        std::memcpy(out + w * len, in + src, size_t(len) * sizeof(U));
+        U* d = out + w * len;
+        const U* s = in + src;
+        if (len * int64_t(sizeof(U)) <= 64) {
+          for (int64_t k = 0; k < len; ++k) d[k] = s[k];
+        } else {
+          std::memcpy(d, s, size_t(len) * sizeof(U));
+        }
+        for (int i = m - 2; i >= 0; --i) {  // the next row
+          src += is[i];
+          if (++index[i] < od[i]) break;
+          src -= index[i] * is[i];
+          index[i] = 0;
+        }
       }
     });
     return;

@@ -96,9 +96,54 @@ TRAMEL_BODY void direct_block_body(const T* a, const T* b, T* c, int64_t m, int6
 }
 TRAMEL_VECTORIZE(direct_block)
 
+// c (m x n) = a times b^T for a stored m x k and b stored n x k: each entry a
+// dot product of two contiguous rows, the gradient of a gate (g times the
+// state's conjugate transpose). The rows are read in chunks that stay in L1
+// while all m * n sums take their part; the sums are SIMD reductions.
+constexpr int64_t kDotChunk = 512;
+template <typename T>
+TRAMEL_BODY void dot_rows_body(const T* a, const T* b, T* c, int64_t m, int64_t n, int64_t k, bool cb) {
+  for (int64_t i = 0; i < m * n; ++i) c[i] = T(0);
+  for (int64_t p0 = 0; p0 < k; p0 += kDotChunk) {
+    const int64_t len = p0 + kDotChunk < k ? kDotChunk : k - p0;
+    for (int64_t i = 0; i < m; ++i)
+      for (int64_t j = 0; j < n; ++j) {
+        const T* x = a + i * k + p0;
+        const T* y = b + j * k + p0;
+        if constexpr (is_complex_v<T>) {
+          using R = typename T::value_type;
+          const R* xr = reinterpret_cast<const R*>(x);
+          const R* yr = reinterpret_cast<const R*>(y);
+          R re = 0, im = 0;
+          const R sign = cb ? R(-1) : R(1);  // conj(y) flips y's imaginary part
+#pragma omp simd reduction(+ : re, im)
+          for (int64_t q = 0; q < len; ++q) {
+            const R u = xr[2 * q], v = xr[2 * q + 1], w = yr[2 * q], z = sign * yr[2 * q + 1];
+            re += u * w - v * z;
+            im += u * z + v * w;
+          }
+          c[i * n + j] += T(re, im);
+        } else {
+          T sum = c[i * n + j];
+          for (int64_t q = 0; q < len; ++q) sum = madd(sum, x[q], y[q]);
+          c[i * n + j] = sum;
+        }
+      }
+  }
+}
+TRAMEL_VECTORIZE(dot_rows)
+
 template <typename T>
 void direct_products(const T* a, const T* b, T* c, const ProductShape& p) {
   const int64_t m = p.m, n = p.n, k = p.k;
+  if (p.tb && !p.ta) {  // both operands read along their rows
+    parallel_for(p.batch, std::max<int64_t>(1, kParallelGrain / std::max<int64_t>(1, m * n * k)),
+                 [&](int64_t begin, int64_t end) {
+                   for (int64_t i = begin; i < end; ++i)
+                     dot_rows(a + i * m * k, b + i * n * k, c + i * m * n, m, n, k, p.cb);
+                 });
+    return;
+  }
   const int64_t ar = p.ta ? 1 : k, ac = p.ta ? m : 1;
   const int64_t sa = m * k, sb = k * n, sc = m * n;
   // Work items: (matrix, block of columns), split across threads by volume.
@@ -142,6 +187,7 @@ bool direct(const ProductShape& p) {
   if (!fits_int(p)) return true;
   if constexpr (!is_complex_v<T>) return false;
   if (p.m * p.n <= kDirectVolume / p.k) return true;  // m * n * k <= kDirectVolume, without overflow
+  if (p.tb && !p.ta) return p.m * p.n <= kDirectLeft;  // a small result of long rows
   return !p.tb && p.m * p.k <= kDirectLeft;
 }
 
