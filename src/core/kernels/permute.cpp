@@ -64,22 +64,32 @@ void transpose_copy(const U* in, U* out, const Coalesced& c) {
   }
   if (c.perm[m - 1] == m - 1) {
     // The input's last axis stays last: whole rows are copied.
-    // The source of each row comes from an odometer over the other output
-    // axes (a division per axis only at the start of a thread's range), and
-    // short rows are copied by a plain loop rather than a memcpy call.
-    int64_t len = od[m - 1], rows = numel / len;
+    // Rows go in runs along output axis m - 2 (a tight loop: one stride), and
+    // an odometer over the outer axes finds where the next run starts (a
+    // division per axis only at the start of a thread's range). Short rows are
+    // copied by a plain loop rather than a memcpy call.
+    int64_t len = od[m - 1], rows = numel / len, inner = od[m - 2], step = is[m - 2];
+    bool short_rows = len * int64_t(sizeof(U)) <= 64;
     parallel_for(rows, std::max<int64_t>(1, kParallelGrain / len), [&](int64_t b, int64_t e) {
       int64_t index[kMaxRank] = {}, src = 0, rest = b;
       for (int i = m - 2; i >= 0; --i) index[i] = rest % od[i], src += index[i] * is[i], rest /= od[i];
-      for (int64_t w = b; w < e; ++w) {
+      for (int64_t w = b; w < e;) {
+        int64_t run = std::min(inner - index[m - 2], e - w);
         U* d = out + w * len;
         const U* s = in + src;
-        if (len * int64_t(sizeof(U)) <= 64) {
-          for (int64_t k = 0; k < len; ++k) d[k] = s[k];
+        if (short_rows) {
+          for (int64_t t = 0; t < run; ++t)
+            for (int64_t k = 0; k < len; ++k) d[t * len + k] = s[t * step + k];
         } else {
-          std::memcpy(d, s, size_t(len) * sizeof(U));
+          for (int64_t t = 0; t < run; ++t) std::memcpy(d + t * len, s + t * step, size_t(len) * sizeof(U));
         }
-        for (int i = m - 2; i >= 0; --i) {  // the next row
+        w += run;
+        src += run * step;
+        index[m - 2] += run;
+        if (index[m - 2] < inner) continue;
+        src -= inner * step;
+        index[m - 2] = 0;
+        for (int i = m - 3; i >= 0; --i) {  // the next run's start
           src += is[i];
           if (++index[i] < od[i]) break;
           src -= index[i] * is[i];
