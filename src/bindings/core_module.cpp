@@ -17,6 +17,10 @@ void init_reduce(nb::module_& m);
 void init_index(nb::module_& m);
 void init_product(nb::module_& m);
 void init_linalg(nb::module_& m);
+void init_sort(nb::module_& m);
+void init_selection(nb::module_& m);
+void init_join(nb::module_& m);
+void init_sequence(nb::module_& m);
 void init_testing(nb::module_& m);
 
 namespace {
@@ -100,5 +104,9 @@ NB_MODULE(_core, m) {
   init_index(m);
   init_product(m);
   init_linalg(m);
+  init_sort(m);
+  init_selection(m);
+  init_join(m);
+  init_sequence(m);
   init_testing(m);
 }

@@ -144,6 +144,10 @@ const Kernels& host_kernels() {
     add_product_kernels(k);
     add_linalg_kernels(k);
     add_spectral_kernels(k);
+    add_sort_kernels(k);
+    add_selection_kernels(k);
+    add_join_kernels(k);
+    add_sequence_kernels(k);
     return k;
   }();
   return table;

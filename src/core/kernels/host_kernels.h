@@ -20,5 +20,9 @@ void add_index_kernels(Kernels& k);       // index.cpp
 void add_product_kernels(Kernels& k);     // product.cpp
 void add_linalg_kernels(Kernels& k);      // linalg.cpp
 void add_spectral_kernels(Kernels& k);    // spectral.cpp
+void add_sort_kernels(Kernels& k);        // sort.cpp
+void add_selection_kernels(Kernels& k);   // selection.cpp
+void add_join_kernels(Kernels& k);        // join.cpp
+void add_sequence_kernels(Kernels& k);    // sequence.cpp
 
 }  // namespace tramel
